@@ -1,0 +1,58 @@
+// Host array marshalling: the Z block (big-endian total length, big-endian
+// architecture word, one ORVANE record) to and from VARRAY. The same block is
+// command mode's body on the wire.
+#pragma once
+
+#include "taltypes.h"
+#include "vapl.h"
+
+#define ARCH_SPARE 0x01
+#define ARCH_IALIGN 0x02
+#define ARCH_UNICODE 0x04
+#define ARCH_MACH 0x08
+#define ARCH_DALIGN 0x10
+#define ARCH_64BIT 0x20
+#define ARCH_DEXTEND 0x40
+#define ARCH_LITTLE 0x80
+#define ZHEADER (ARCH_LITTLE | ARCH_64BIT)
+#define RETZHEADER (ZHEADER | ARCH_UNICODE)
+
+// Deepest nesting accepted from a block. Unpacking and release recurse once
+// per level, and the work thread runs on a 64 KB stack.
+#define ORVANE_MAX_DEPTH 256
+
+// The host's record. All numbers little-endian; rank and type share byte 8.
+typedef struct ORVANE {
+  UI8 length;   // record size in 8-byte words, plus 1
+  UI1 typerank; // low 4 bits type (15 simple, 7 nested), high 4 bits rank
+  UI1 eltype;   // host element type
+  SI2 d;
+  UI4 dummy2;
+  UI8 shape[1]; // rank long; the data follow
+} ORVANE;
+typedef ORVANE* PORVANE;
+
+#define ORVANE_HEADER 16
+
+extern SI2 Orvane2VA[15];
+extern SI2 VA2Orvane[18];
+
+UI4 SizeAA(PAA pAA);
+UI4 Pack(PAA pAA, PCH1 pCur);
+// Reads the record at pData + *pSize and advances *pSize past it. Records
+// that would reach past byte `limit` of pData, nest deeper than
+// ORVANE_MAX_DEPTH, or name an unknown element type give null.
+PAA Unpack(PCH1 pData, PUI4 pSize, UI4 limit = 0xFFFFFFFFu);
+PUI4 PackZ(PAA pAA);
+PAA UnpackZ(PUI4 pZ);
+// The same for a block that came from a peer: blockSize is what was really
+// received, whatever the block's own length word claims.
+PAA UnpackZ(PUI4 pZ, UI4 blockSize);
+PUI4 ScalarZ(UI4 v);
+SI4 isUnicode();
+// Sets the character row of VA2Orvane from a caller's architecture word.
+void SetUnicode(bool unicode);
+
+// Big-endian words of the block header.
+UI4 GetBE32(const void* p);
+void PutBE32(void* p, UI4 v);

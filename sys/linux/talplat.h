@@ -1,0 +1,107 @@
+// The operating-system layer: threads, semaphores, the clock, dynamic
+// loading and the list of local IPv4 interfaces. Nothing above this layer
+// calls the system for these things itself.
+#pragma once
+
+#include <ifaddrs.h>
+#include <pthread.h>
+#include <semaphore.h>
+
+#include <atomic>
+
+#include "taltypes.h"
+
+typedef pthread_t TTHREADID;
+#define GETTHREADID pthread_self
+#define GETLASTSOCKERROR errno
+
+typedef UI4 (*PTHREADFN)(PVOID);
+
+// A detached thread on a 64 KB stack with the host's signals blocked. It is
+// never joined: others poll Ended.
+class TALTHREAD {
+ public:
+  TALTHREAD(PTHREADFN fn, PVOID arg);
+  ~TALTHREAD();
+
+  pthread_t thread;
+  pthread_attr_t threadAttr;
+  SI4 lError;          // constructor's code, then the thread function's result
+  PVOID pArg;
+  std::atomic<UI4> Ended;  // non-zero once finished, or when it never started
+  bool bStarted;       // the thread was created, so a cancel has a target
+};
+typedef TALTHREAD* PTALTHREAD;
+
+typedef struct THREADSPEC {
+  TALTHREAD* pt;
+  PTHREADFN pf;
+  PVOID pArg;
+} THREADSPEC;
+
+void block_sigs();
+void* execthreadspec(void* spec);
+
+enum SEMRETURN { SemOk = 0, SemReleased = 1, SemTimeout = 2, SemError = 3 };
+
+class TALSEMA {
+ public:
+  TALSEMA(UI4 initial, UI4 max);
+  ~TALSEMA();
+  SEMRETURN wait();
+  SEMRETURN release(UI4 n);
+
+  UI4 count;  // informational only; no decision reads it
+  sem_t sem;
+  SI4 lError;
+};
+typedef TALSEMA* PTALSEMA;
+
+// A semaphore whose wait gives up after a number of milliseconds.
+class TALSEMATO : public TALSEMA {
+ public:
+  TALSEMATO(UI4 initial, UI4 max);
+  using TALSEMA::wait;
+  SEMRETURN wait(UI4 ms);
+};
+typedef TALSEMATO* PTALSEMATO;
+
+// Wall clock in microseconds; the library's one clock. Exported.
+PELKO_EXPORT F8 Micros();
+void TALSleep(F8 micros);
+void InitTimer();
+SI4 InitSocket(void** p);
+SI4 WSAGetLastError();
+SI4 GetDLLVersion(char* buf, int size);
+
+// A shared object opened with dlopen, optionally from this library's own
+// directory. Error text lands in the caller's 1024-byte buffer.
+class TALLIB {
+ public:
+  TALLIB(SI4 ownDir, PCH1 name, PCH1 error);
+  ~TALLIB();
+  TALFPTR fptr(PCH1 name);
+
+  void* hLib;
+};
+typedef TALLIB* PTALLIB;
+
+// Walks the local interfaces that carry an IPv4 address.
+class TALIpv4 {
+ public:
+  TALIpv4();
+  ~TALIpv4();
+  int Next();
+  int Extract();
+
+  struct ifaddrs* iflist;
+  struct ifaddrs* ifcurr;
+  char addr[46];
+  char* pError;
+  int error;
+  int count;
+  char* IfName;
+  TALSOCKADDR* ip;
+  char* IpAddr;
+  int mask;
+};
