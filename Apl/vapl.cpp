@@ -48,9 +48,7 @@ static UI4 AlignWords(UI4 type, UI4 rank) {
   }
 }
 
-static bool HoldsPointers(UI4 type) {
-  return type == VAPntr || type == VAHet || type == VABoxd;
-}
+bool VAHoldsPointers(UI4 type) { return type == VAPntr || type == VAHet || type == VABoxd; }
 
 PAA VANew(VATYPES type, UI2 rank, UI4* pShape) {
   UI4 t = (UI4)type & 0xFF;
@@ -58,7 +56,7 @@ PAA VANew(VATYPES type, UI2 rank, UI4* pShape) {
   if (t == VANoType || t >= VATypeCount) return nullptr;
   UI4 count = 1;
   for (UI4 i = 0; i < rank; i++) count *= pShape[i];
-  if (count == 0 && HoldsPointers(t)) count = 1;
+  if (count == 0 && VAHoldsPointers(t)) count = 1;
   UI4 bits = VAsize[t];
   if (0xFFFFFFFFu / bits < count) return nullptr;
   UI4 dataBits = (t == VAApvI4 || t == VAApvF8) ? bits : bits * count;
@@ -86,18 +84,10 @@ PAA VAFree(PAA pAA) {
   if (--pAA->refcount != 0) return nullptr;
   UI4 n = VAElems(pAA);
   if (pAA->type == VAPntr) {
-    for (UI4 i = 0; i < n; i++) {
-      PAA child;
-      memcpy(&child, (PCH1)VADATA(pAA) + i * sizeof(PAA), sizeof(PAA));
-      VAFree(child);
-    }
+    for (UI4 i = 0; i < n; i++) VAFree(VASlot(pAA, i));
   } else if (pAA->type == VAHet) {
-    for (UI4 i = 0; i < n; i++) {
-      if (VAHetType(pAA, i) != VAPntr) continue;
-      PAA child;
-      memcpy(&child, VAHetData(pAA, i), sizeof(PAA));
-      VAFree(child);
-    }
+    for (UI4 i = 0; i < n; i++)
+      if (VAHetType(pAA, i) == VAPntr) VAFree(VAHetChild(pAA, i));
   }
   free((PCH1)pAA - AlignWords(pAA->type, pAA->rank) * 4);
   return nullptr;
@@ -112,10 +102,15 @@ UI4 VADataLength(PAA pAA) { return pAA->length - (12 + 4 * pAA->rank); }
 UI4 VAIncRef(PAA pAA) { return ++pAA->refcount; }
 UI4 VARefCount(PAA pAA) { return pAA->refcount; }
 
-UI4 VAElems(PAA pAA) {
+UI4 VAShapeProduct(PAA pAA) {
   UI4 n = 1;
   for (UI4 i = 0; i < pAA->rank; i++) n *= pAA->shape[i];
-  if (n == 0 && HoldsPointers(pAA->type)) n = 1;
+  return n;
+}
+
+UI4 VAElems(PAA pAA) {
+  UI4 n = VAShapeProduct(pAA);
+  if (n == 0 && VAHoldsPointers(pAA->type)) n = 1;
   return n;
 }
 
@@ -124,6 +119,31 @@ SI4 VAHetType(PAA pAA, UI4 index) {
 }
 
 PVOID VAHetData(PAA pAA, UI4 index) { return (PCH1)VADATA(pAA) + 10 * index + 2; }
+
+PAA VASlot(PAA pAA, UI4 index) {
+  PAA child;
+  memcpy(&child, (PCH1)VADATA(pAA) + index * sizeof(PAA), sizeof(PAA));
+  return child;
+}
+
+void VASetSlot(PAA pAA, UI4 index, PAA pSub) {
+  memcpy((PCH1)VADATA(pAA) + index * sizeof(PAA), &pSub, sizeof(PAA));
+}
+
+PAA VAHetChild(PAA pAA, UI4 index) {
+  PAA child;
+  memcpy(&child, VAHetData(pAA, index), sizeof(PAA));
+  return child;
+}
+
+// The payload is cleared first, so a narrow value leaves no trace of the
+// cell's former contents.
+void VASetHetCell(PAA pAA, UI4 index, SI4 tag, const void* payload, UI4 size) {
+  PCH1 cell = (PCH1)VADATA(pAA) + 10 * index;
+  memset(cell, 0, 10);
+  cell[0] = (char)tag;
+  memcpy(cell + 2, payload, size);
+}
 
 PAA VANewVector(VATYPES type, UI4 n) { return VANew(type, 1, &n); }
 

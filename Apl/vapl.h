@@ -4,6 +4,7 @@
 #pragma once
 
 #include "taltypes.h"
+#include "vaunicod.h"
 
 #define VAPL_VERSION 0x010000
 
@@ -75,3 +76,42 @@ PAA VANewVector(VATYPES type, UI4 n);   // rank 1
 PAA VANewScalar(VATYPES type);          // rank 0
 PAA VAIntVector(const SI4* p, UI4 n);   // VAI4 vector holding p[0..n)
 PAA VARc(SI4 rc);                       // one-element VAI4 vector: a verb's code
+
+// Element access (vaget.cpp, vaset.cpp). Each returns 0 or an ERR_ code.
+// index is a flat index in ravel order; a character vector counts as one
+// element for the text functions, at index 0. With text (VACHAR) numbers may
+// be read as text, and texts are zero-terminated and translated.
+SI4 VAGetSI4(PAA pAA, UI4 index, SI4* plVal);
+SI4 VAGetF8(PAA pAA, UI4 index, F8* pdVal);
+SI4 VAGetLen(PAA pAA, UI4 index, UI4* pLen, SI2 text);
+SI4 VAGetCH1(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, SI2 text);
+SI4 VAGetCH1m(PAA pAA, UI4 index, PCH1* ppStr, SI2 text);
+SI4 VAGetBytes(PAA pAA, UI1* pb, UI4* plen);
+SI4 VAGetUnicodeLen(PAA pAA, UI4 index, UI4* plen, UNICODETYPES type, SI2 term);
+SI4 VAGetUnicode(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, UNICODETYPES type, SI2 term);
+SI4 VAGetpAA(PAA pAA, UI4 index, PPAA ppAA);
+SI4 VASetSI4(PAA pAA, UI4 index, SI4 val);
+SI4 VASetF8(PAA pAA, UI4 index, F8 val);
+SI4 VASetCH1(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, SI2 text);
+SI4 VASetUnicode(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, UNICODETYPES type);
+// The slot takes over the caller's reference to pSub.
+SI4 VASetpAA(PAA pAA, UI4 index, PAA pSub);
+
+// Slots of pointer arrays and pointer cells of heterogeneous arrays, read
+// and written unaligned.
+PAA VASlot(PAA pAA, UI4 index);
+void VASetSlot(PAA pAA, UI4 index, PAA pSub);
+PAA VAHetChild(PAA pAA, UI4 index);
+void VASetHetCell(PAA pAA, UI4 index, SI4 tag, const void* payload, UI4 size);
+bool VAHoldsPointers(UI4 type);
+// Product of the shape, with no raise for a prototype.
+UI4 VAShapeProduct(PAA pAA);
+
+// Conversion and normal form (vaconv.cpp).
+SI4 VAEndType(PAA pAA);
+SI4 VACheckType(PAA pAA);
+SI4 VAConv(PAA pSrc, VATYPES newType, PPAA ppRes);
+SI4 convdata(PAA pDest, PAA pSrc);
+// Replaces *ppNorm by its normal form for the host, recursively. p2VA and
+// p2APL are the host type maps Orvane2VA and VA2Orvane.
+SI4 VANorm(PPAA ppNorm, SI2* p2VA, SI2* p2APL);

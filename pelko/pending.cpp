@@ -18,8 +18,6 @@ PAA ACerts(PHIERAKI, PAA) { return VARc(ERR_NONCE); }
 // Exports whose machinery is not built yet.
 #include "aplrpc.h"
 
-SI4 SetXLate(char*, char*, char*, char*) { return ERR_NONCE; }
-SI4 GetXLate(char*, char*, char*, char*) { return ERR_NONCE; }
 SI4 cflate(int, paplses*, unsigned char*, unsigned*, unsigned char*, unsigned*, int) {
   return ERR_NONCE;
 }

@@ -11,6 +11,7 @@
 #include "pelkoerr.h"
 #include "root.h"
 #include "talplat.h"
+#include "vatrans.h"
 #include "verbs.h"
 
 #define MODULE 0x00000010
@@ -34,7 +35,25 @@ const NAFUNCTION functions[] = {
 };
 const UI4 functionCount = sizeof(functions) / sizeof(functions[0]);
 
+// Logging as "pelko.ini" sets it: the file's name, then the trace word.
+static void ReadLogSettings() {
+  PCH1 path = PrependConfigDir((PCH1) "pelko.ini");
+  if (!path) return;
+  char text[100];
+  if (PLATIni((PCH1) "Logging", (PCH1) "File", (PCH1) "", text, sizeof(text), path) > 0) {
+    text[sizeof(text) - 1] = 0;
+    InitLog(text);
+  }
+  if (PLATIni((PCH1) "Logging", (PCH1) "Option", (PCH1) "", text, sizeof(text), path) > 0) {
+    text[sizeof(text) - 1] = 0;
+    LOGSet(LOGOption(text));
+    LOG(1, ("Logging is initialy set to %d from %s", (int)LOGGet(), text));
+  }
+  free(path);
+}
+
 void onLoad() {
+  ReadLogSettings();
   if (!pSem) pSem = new TALSEMA(1, 1);
   RPCLoad();
   LOG(1, ("Pelko loaded"));
@@ -80,11 +99,16 @@ SI4 Init(char* rootname, char* path) {
   if (!Initialized) {
     Initialized = 1;
   } else if (Root(rootname)) {
+    ClrChar2asc();
+    ClrChar2av();
     pSem->release(1);
     return ERR_ALLREADY_INITIALIZED;
   }
   SetLoadPath(path);
   SI4 rc = CreateRoot(rootname);
+  // Both translation tables return to their defaults on every start.
+  ClrChar2asc();
+  ClrChar2av();
   pSem->release(1);
   return rc;
 }
@@ -116,6 +140,14 @@ static PAA RunVerb(const NAFUNCTION* fn, PHIERAKI pRoot, SI4 nargs, UI4** ppLeft
     case 1: return ((PFNMONADIC)fn->pointer)(pRoot, pRight);
     default: return ((PFNDYADIC)fn->pointer)(pRoot, ppLeft, pRight);
   }
+}
+
+// Brings a verb's result to host types. A result that can't be brought is
+// released, and its code becomes the call's.
+SI4 NormResult(PPAA ppResult) {
+  SI4 rc = VANorm(ppResult, Orvane2VA, VA2Orvane);
+  if (rc) *ppResult = VAFree(*ppResult);
+  return rc;
 }
 
 SI4 Call(char* rootname, char* pName, UI4** ppRight, UI4** ppLeft) {
@@ -156,6 +188,7 @@ SI4 Call(char* rootname, char* pName, UI4** ppRight, UI4** ppLeft) {
   } else {
     pResult = RunVerb(fn, pRoot, nargs, ppLeft, pRight);
     if (!pResult) rc = ERR_MEMORY_ALLOC;
+    else rc = NormResult(&pResult);
   }
   if (rc) pResult = ErrorResult(rc);
   UI4 size = SizeAA(pResult) + 8;

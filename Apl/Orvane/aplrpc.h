@@ -24,6 +24,11 @@ extern const UI4 functionCount;
 extern SI4 Initialized;
 extern char cLoadPath[2048];
 
+struct VARRAY;
+// Normalises a verb's result for the host as Call does before packing; on
+// failure the result is released and the code returned.
+SI4 NormResult(VARRAY** ppResult);
+
 struct aplses;
 typedef aplses* paplses;
 

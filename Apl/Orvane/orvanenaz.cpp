@@ -2,11 +2,17 @@
 // element data of a simple array move with one memcpy each way.
 #include "orvanenaz.h"
 
+#include <fcntl.h>
+#include <strings.h>
+
 #include <cassert>
 #include <cstdlib>
 #include <cstring>
 
 #include "log.h"
+#include "pelkoerr.h"
+#include "vatrans.h"
+#include "vaunicod.h"
 
 #define MODULE 0x20000000
 
@@ -90,12 +96,6 @@ static bool IsSimple(UI4 type) {
   }
 }
 
-static PAA Child(PAA pAA, UI4 i) {
-  PAA child;
-  memcpy(&child, (PCH1)VADATA(pAA) + i * sizeof(PAA), sizeof(PAA));
-  return child;
-}
-
 static UI4 Pad8(UI4 n) { return (n + 7) & ~7u; }
 
 UI4 SizeAA(PAA pAA) {
@@ -105,7 +105,7 @@ UI4 SizeAA(PAA pAA) {
   if (IsSimple(pAA->type)) return size + Pad8(VADataLength(pAA));
   if (pAA->type == VAPntr) {
     UI4 n = VAElems(pAA);
-    for (UI4 i = 0; i < n; i++) size += SizeAA(Child(pAA, i));
+    for (UI4 i = 0; i < n; i++) size += SizeAA(VASlot(pAA, i));
   }
   return size;
 }
@@ -133,7 +133,7 @@ UI4 Pack(PAA pAA, PCH1 pCur) {
   assert(VAType(pAA)==VAPntr);
   UI4 n = VAElems(pAA);
   UI4 at = header;
-  for (UI4 i = 0; i < n; i++) at += Pack(Child(pAA, i), pCur + at);
+  for (UI4 i = 0; i < n; i++) at += Pack(VASlot(pAA, i), pCur + at);
   return at;
 }
 
@@ -236,4 +236,86 @@ PUI4 ScalarZ(UI4 v) {
   memcpy(block, scalarZ, 32);
   memcpy(block + 24, &v, 4);
   return (PUI4)block;
+}
+
+static UI4 RecordRank(PCH1 pOrvane) { return ((PORVANE)pOrvane)->typerank >> 4; }
+
+static UI8 RecordAxis(PCH1 pOrvane, UI4 i) {
+  UI8 axis;
+  memcpy(&axis, pOrvane + ORVANE_HEADER + 8 * i, 8);
+  return axis;
+}
+
+SI4 GetVector(bool, PCH1 pOrvane, PUI4 pLen, PCH1* ppData) {
+  UI4 rank = RecordRank(pOrvane);
+  UI4 eltype = ((PORVANE)pOrvane)->eltype;
+  PCH1 data = pOrvane + ORVANE_HEADER + rank * 8;
+  *ppData = data;
+  UI4 n = 1;
+  for (UI4 i = 0; i < rank; i++) n *= (UI4)RecordAxis(pOrvane, i);
+  if (eltype == 6 && n == 0) n = 1;
+  *pLen = n;
+  switch (eltype) {
+    case 0: VA2ascn(data, n); return 0;
+    case 2:
+    case 7: return 0;
+    case 3:
+      // Narrowed in place, front to back: each byte lands at or before the
+      // pair it came from.
+      for (UI4 i = 0; i < n; i++) {
+        SI2 v;
+        memcpy(&v, data + 2 * i, 2);
+        if (v < -128 || v > 255) return ERR_DOMAIN;
+        data[i] = (char)v;
+      }
+      return 0;
+    default: return ERR_DOMAIN;
+  }
+}
+
+// The encoding of one text element of a "filename" request.
+static SI4 FileTextType(PCH1 pRec, UNICODETYPES* pFrom) {
+  switch (((PORVANE)pRec)->eltype) {
+    case 0: *pFrom = C1AV; return 0;
+    case 7: *pFrom = UCS1; return 0;
+    case 8: *pFrom = UCS2; return 0;
+    case 9: *pFrom = UCS4; return 0;
+    default: return ERR_DOMAIN;
+  }
+}
+
+static SI4 FileText(PCH1 pRec, UNICODETYPES from, UNICODETYPES to, PCH1 out, UI4 size) {
+  UI4 bytes = (UI4)RecordAxis(pRec, 0) * MinUSize[from];
+  if (ConvUnicode(to, (UI1*)out, size, from, (UI1*)pRec + ORVANE_HEADER + 8, bytes, 1))
+    return ERR_DOMAIN;
+  return 0;
+}
+
+SI4 GetFileHandle(PCH1 pOrvane, int* pFile) {
+  if (!pFile) return ERR_MEMORY_ALLOC;
+  *pFile = -1;
+  if (RecordRank(pOrvane) != 1) return ERR_RANK;
+  if (((PORVANE)pOrvane)->eltype != 6) return ERR_DOMAIN;
+  if (RecordAxis(pOrvane, 0) != 2) return ERR_LENGTH;
+  PCH1 first = pOrvane + ORVANE_HEADER + 8;
+  UI8 words;
+  memcpy(&words, first, 8);
+  // A record is at least its header and one axis: a smaller length word
+  // would put the second element in front of the first.
+  if (words < 4) return ERR_LENGTH;
+  PCH1 second = first + (words - 1) * 8;
+  if (RecordRank(first) != 1 || RecordRank(second) != 1) return ERR_RANK;
+  if (RecordAxis(first, 0) != 8 || RecordAxis(second, 0) == 0) return ERR_LENGTH;
+  UNICODETYPES fromKey, fromPath;
+  if (FileTextType(first, &fromKey) || FileTextType(second, &fromPath)) return ERR_DOMAIN;
+  char keyword[1024], path[1024];
+  SI4 rc = FileText(first, fromKey, UCS1, keyword, sizeof(keyword));
+  if (rc) return rc;
+  if (strcasecmp(keyword, "filename") != 0) return ERR_OPTION;
+  rc = FileText(second, fromPath, UTF8, path, sizeof(path));
+  if (rc) return rc;
+  int fd = open(path, O_RDONLY);
+  if (fd < 0) return ERR_FILE;
+  *pFile = fd;
+  return 0;
 }

@@ -49,6 +49,12 @@ PAA UnpackZ(PUI4 pZ);
 // received, whatever the block's own length word claims.
 PAA UnpackZ(PUI4 pZ, UI4 blockSize);
 PUI4 ScalarZ(UI4 v);
+// A byte view of a host record, in place: classic characters are translated
+// to ASCII and 2-byte integers narrowed to bytes, both in the record itself.
+SI4 GetVector(bool flag, PCH1 pOrvane, PUI4 pLen, PCH1* ppData);
+// Opens read-only the file that a record ("filename" path) names; the caller
+// owns the descriptor.
+SI4 GetFileHandle(PCH1 pOrvane, int* pFile);
 SI4 isUnicode();
 // Sets the character row of VA2Orvane from a caller's architecture word.
 void SetUnicode(bool unicode);

@@ -8,6 +8,7 @@
 #include <semaphore.h>
 
 #include <atomic>
+#include <cstdio>
 
 #include "taltypes.h"
 
@@ -105,3 +106,15 @@ class TALIpv4 {
   char* IpAddr;
   int mask;
 };
+
+// Configuration reading. Each request opens and reads the file anew.
+#define INISTRSIZE 132
+#define MAXLINELEN 132
+// One key of one section of an ini file into out, or def. With a null
+// section the section names are listed, with a null key the section's keys.
+UI4 PLATIni(PCH1 section, PCH1 key, PCH1 def, PCH1 out, UI4 size, PCH1 file);
+UI4 GetKeys(FILE* file, PCH1 out, UI4 size);
+UI4 PLATEnvironment(PCH1 name, PCH1 def, PCH1 out, UI4 size);
+// The path of a configuration file: $HOME/.orvane/name, or name itself when
+// it holds a '/'. Allocated; the caller frees it.
+char* PrependConfigDir(char* name);
