@@ -1,0 +1,487 @@
+// Element access: every getter against the types it serves and the codes
+// for those it refuses, and the setters' targets.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+
+#include "arraybuild.h"
+#include "cdecf.h"
+#include "orvanenaz.h"
+#include "pelkoerr.h"
+#include "vatrans.h"
+
+using namespace testarrays;
+
+namespace {
+
+PAA HetVector(UI4 n) { return VANewVector(VAHet, n); }
+
+void SetHet(PAA het, UI4 i, SI4 tag, const void* v, UI4 size) { VASetHetCell(het, i, tag, v, size); }
+
+TEST(VAGet, SI4FromEveryNumericType) {
+  SI4 v = 99;
+  PAA bits = VANewVector(VABit, 10);
+  ((UI1*)VADATA(bits))[1] = 0x40;  // element 9
+  EXPECT_EQ(VAGetSI4(bits, 9, &v), 0);
+  EXPECT_EQ(v, 1);
+  EXPECT_EQ(VAGetSI4(bits, 8, &v), 0);
+  EXPECT_EQ(v, 0);
+  EXPECT_EQ(VAGetSI4(bits, 10, &v), ERR_APL_LENGTH);
+  bits = VAFree(bits);
+
+  PAA i1 = Vector<SI1>(VAI1, {-5, 7});
+  EXPECT_EQ(VAGetSI4(i1, 0, &v), 0);
+  EXPECT_EQ(v, -5);
+  i1 = VAFree(i1);
+  PAA i2 = Vector<SI2>(VAI2, {-300});
+  EXPECT_EQ(VAGetSI4(i2, 0, &v), 0);
+  EXPECT_EQ(v, -300);
+  i2 = VAFree(i2);
+
+  // A progression wraps in 32 bits.
+  UI4 n = 10;
+  PAA apv = VANew(VAApvI4, 1, &n);
+  SI4 ss[2] = {2147483647, 1};
+  memcpy(VADATA(apv), ss, 8);
+  EXPECT_EQ(VAGetSI4(apv, 1, &v), 0);
+  EXPECT_EQ(v, INT32_MIN);
+  apv = VAFree(apv);
+
+  PAA f = Vector<F8>(VAF8, {2.5, 2.0, 3000000000.0, NAN, INFINITY, -0.0});
+  EXPECT_EQ(VAGetSI4(f, 0, &v), ERR_APL_DOMAIN);
+  EXPECT_EQ(v, 0);  // cleared on failure
+  EXPECT_EQ(VAGetSI4(f, 1, &v), 0);
+  EXPECT_EQ(v, 2);
+  EXPECT_EQ(VAGetSI4(f, 2, &v), 0);  // 64-bit bounds, 32-bit store
+  EXPECT_EQ(v, INT32_MIN);
+  EXPECT_EQ(VAGetSI4(f, 3, &v), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetSI4(f, 4, &v), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetSI4(f, 5, &v), 0);
+  f = VAFree(f);
+
+  PAA fapv = VANew(VAApvF8, 1, &n);
+  F8 fs[2] = {1.0, 0.5};
+  memcpy(VADATA(fapv), fs, 16);
+  EXPECT_EQ(VAGetSI4(fapv, 2, &v), 0);
+  EXPECT_EQ(v, 2);
+  EXPECT_EQ(VAGetSI4(fapv, 1, &v), ERR_APL_DOMAIN);
+  F8 d;
+  EXPECT_EQ(VAGetF8(fapv, 3, &d), 0);
+  EXPECT_EQ(d, 2.5);
+  fapv = VAFree(fapv);
+
+  UI4 two = 2;
+  PAA cx = VANew(VA2F8, 1, &two);
+  F8 cv[4] = {2.0, 1.0, 3.0, 0.0};
+  memcpy(VADATA(cx), cv, 32);
+  EXPECT_EQ(VAGetSI4(cx, 0, &v), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetSI4(cx, 1, &v), 0);
+  EXPECT_EQ(v, 3);
+  EXPECT_EQ(VAGetF8(cx, 0, &d), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetF8(cx, 1, &d), 0);
+  EXPECT_EQ(d, 3.0);
+  cx = VAFree(cx);
+
+  for (VATYPES t : {VAC1, VAC2, VAC4, VAI8, VABoxd}) {
+    PAA p = VANewVector(t, 1);
+    EXPECT_EQ(VAGetSI4(p, 0, &v), ERR_APL_DOMAIN) << t;
+    EXPECT_EQ(VAGetF8(p, 0, &d), ERR_APL_DOMAIN) << t;
+    VAFree(p);
+  }
+}
+
+TEST(VAGet, ThroughPointersAndCells) {
+  SI4 v;
+  F8 d;
+  PAA nest = Nested({Vector<SI4>(VAI4, {42}), Vector<SI4>(VAI4, {1, 2}),
+                     VANewVector(VAI4, 0), VANewVector(VAPntr, 0), nullptr});
+  EXPECT_EQ(VAGetSI4(nest, 0, &v), 0);
+  EXPECT_EQ(v, 42);
+  EXPECT_EQ(VAGetF8(nest, 0, &d), 0);
+  EXPECT_EQ(d, 42.0);
+  EXPECT_EQ(VAGetSI4(nest, 1, &v), ERR_APL_INDEX);
+  EXPECT_EQ(VAGetSI4(nest, 2, &v), ERR_APL_INDEX);
+  EXPECT_EQ(VAGetF8(nest, 1, &d), ERR_APL_INDEX);
+  // An empty nested child passes the one-element test; its null prototype
+  // then has nothing to give.
+  EXPECT_EQ(VAGetSI4(nest, 3, &v), ERR_APL_INDEX);
+  EXPECT_EQ(VAGetSI4(nest, 4, &v), ERR_APL_INDEX);
+  nest = VAFree(nest);
+
+  PAA het = HetVector(7);
+  UI1 bit = 0x80;
+  SI1 b = -3;
+  SI2 s = 1000;
+  F8 f = 4.0, g = 4.5;
+  PAA child = Vector<SI4>(VAI4, {11});
+  SetHet(het, 0, VABit, &bit, 1);
+  SetHet(het, 1, VAI1, &b, 1);
+  SetHet(het, 2, VAI2, &s, 2);
+  SetHet(het, 3, VAF8, &f, 8);
+  SetHet(het, 4, VAF8, &g, 8);
+  SetHet(het, 5, VAPntr, &child, sizeof(PAA));
+  SetHet(het, 6, VAC1, "z", 1);
+  SI4 expect[] = {1, -3, 1000, 4};
+  for (UI4 i = 0; i < 4; i++) {
+    EXPECT_EQ(VAGetSI4(het, i, &v), 0);
+    EXPECT_EQ(v, expect[i]);
+    EXPECT_EQ(VAGetF8(het, i, &d), 0);
+    EXPECT_EQ(d, expect[i]);
+  }
+  EXPECT_EQ(VAGetSI4(het, 4, &v), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetF8(het, 4, &d), 0);
+  EXPECT_EQ(d, 4.5);
+  EXPECT_EQ(VAGetSI4(het, 5, &v), 0);
+  EXPECT_EQ(v, 11);
+  EXPECT_EQ(VAGetSI4(het, 6, &v), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetF8(het, 6, &d), ERR_APL_DOMAIN);
+  het = VAFree(het);
+}
+
+TEST(VAGet, LenAndText) {
+  UI4 len = 0;
+  char buf[64];
+  PAA i = IntScalar(123);
+  EXPECT_EQ(VAGetLen(i, 0, &len, 1), 0);
+  EXPECT_EQ(len, 4u);
+  EXPECT_EQ(VAGetLen(i, 0, &len, 0), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetCH1(i, 0, buf, sizeof(buf), 1), 0);
+  EXPECT_STREQ(buf, "123");
+  EXPECT_EQ(VAGetCH1(i, 0, buf, sizeof(buf), 0), ERR_APL_DOMAIN);
+  // A buffer too small for the text is refused, not overrun.
+  EXPECT_EQ(VAGetCH1(i, 0, buf, 3, 1), ERR_APL_LENGTH);
+  i = VAFree(i);
+
+  PAA f = F8Scalar(1.5);
+  EXPECT_EQ(VAGetLen(f, 0, &len, 1), 0);
+  EXPECT_EQ(len, 3u);  // no room counted for the terminator
+  EXPECT_EQ(VAGetLen(f, 0, &len, 0), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetCH1(f, 0, buf, sizeof(buf), 1), 0);
+  EXPECT_STREQ(buf, "1.5");
+  PCH1 m;
+  EXPECT_EQ(VAGetCH1m(f, 0, &m, 1), 0);
+  EXPECT_STREQ(m, "1.5");
+  free(m);
+  EXPECT_EQ(VAGetCH1m(f, 0, &m, 0), ERR_APL_DOMAIN);
+  EXPECT_EQ(m, nullptr);
+  f = VAFree(f);
+
+  PAA abc = Text("abc");
+  EXPECT_EQ(VAGetLen(abc, 0, &len, 0), 0);
+  EXPECT_EQ(len, 3u);
+  EXPECT_EQ(VAGetLen(abc, 0, &len, 1), 0);
+  EXPECT_EQ(len, 4u);
+  EXPECT_EQ(VAGetLen(abc, 1, &len, 1), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetCH1(abc, 0, buf, 3, 1), ERR_APL_LENGTH);
+  memset(buf, 'x', sizeof(buf));
+  EXPECT_EQ(VAGetCH1(abc, 0, buf, 3, 0), 0);
+  EXPECT_EQ(std::string(buf, 4), "abcx");  // unterminated
+  EXPECT_EQ(VAGetCH1(abc, 5, buf, 10, 1), ERR_APL_DOMAIN);
+  abc = VAFree(abc);
+
+  UI4 shape[2] = {2, 2};
+  PAA mat = VANew(VAC1, 2, shape);
+  EXPECT_EQ(VAGetCH1(mat, 0, buf, 10, 1), ERR_APL_RANK);
+  EXPECT_EQ(VAGetLen(mat, 0, &len, 1), ERR_APL_RANK);
+  mat = VAFree(mat);
+
+  // The empty text is element 0 although its count is 0.
+  PAA empty = Text("");
+  EXPECT_EQ(VAGetCH1(empty, 0, buf, 1, 1), 0);
+  EXPECT_STREQ(buf, "");
+  empty = VAFree(empty);
+
+  PAA nest = Nested({Text("hello"), Vector<SI4>(VAI4, {1, 2}), IntScalar(-7)});
+  EXPECT_EQ(VAGetLen(nest, 0, &len, 1), 0);
+  EXPECT_EQ(len, 6u);
+  EXPECT_EQ(VAGetCH1(nest, 0, buf, len, 1), 0);
+  EXPECT_STREQ(buf, "hello");
+  EXPECT_EQ(VAGetLen(nest, 1, &len, 1), ERR_APL_LENGTH);
+  EXPECT_EQ(VAGetCH1(nest, 1, buf, 64, 1), ERR_APL_LENGTH);
+  EXPECT_EQ(VAGetCH1(nest, 2, buf, 64, 1), 0);
+  EXPECT_STREQ(buf, "-7");
+  EXPECT_EQ(VAGetLen(nest, 3, &len, 1), ERR_APL_LENGTH);
+  nest = VAFree(nest);
+
+  PAA het = HetVector(3);
+  SetHet(het, 0, VAC1, "q", 1);
+  SI4 n = 5;
+  SetHet(het, 1, VAI4, &n, 4);
+  PAA sub = Text("sub");
+  SetHet(het, 2, VAPntr, &sub, sizeof(PAA));
+  EXPECT_EQ(VAGetLen(het, 0, &len, 1), 0);
+  EXPECT_EQ(len, 2u);
+  EXPECT_EQ(VAGetLen(het, 0, &len, 0), 0);
+  EXPECT_EQ(len, 1u);
+  EXPECT_EQ(VAGetLen(het, 1, &len, 1), 0);
+  EXPECT_EQ(len, 30u);
+  EXPECT_EQ(VAGetLen(het, 1, &len, 0), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetLen(het, 2, &len, 1), 0);
+  EXPECT_EQ(len, 4u);
+  EXPECT_EQ(VAGetCH1(het, 0, buf, 2, 1), 0);
+  EXPECT_STREQ(buf, "q");
+  EXPECT_EQ(VAGetCH1(het, 1, buf, 30, 1), 0);
+  EXPECT_STREQ(buf, "5");
+  EXPECT_EQ(VAGetCH1(het, 2, buf, 4, 1), 0);
+  EXPECT_STREQ(buf, "sub");
+  het = VAFree(het);
+
+  PAA bid = VANewVector(VABid, 1);
+  SI4Tobid(-17, (F16*)VADATA(bid));
+  EXPECT_EQ(VAGetLen(bid, 0, &len, 1), 0);
+  EXPECT_EQ(len, 42u);
+  EXPECT_EQ(VAGetLen(bid, 0, &len, 0), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetCH1(bid, 0, buf, 42, 1), 0);
+  EXPECT_STREQ(buf, "-17E+0");
+  bid = VAFree(bid);
+}
+
+TEST(VAGet, Bytes) {
+  UI1 out[4] = {0, 0, 0, 0};
+  UI4 len = 0;
+  PAA i2 = Vector<SI2>(VAI2, {255, -128, 256});
+  EXPECT_EQ(VAGetBytes(i2, nullptr, &len), 0);
+  EXPECT_EQ(len, 3u);
+  len = 2;
+  EXPECT_EQ(VAGetBytes(i2, out, &len), ERR_LENGTH);
+  len = 3;
+  EXPECT_EQ(VAGetBytes(i2, out, &len), ERR_DOMAIN);
+  EXPECT_EQ(out[0], 0xFF);  // stored before the bad one
+  EXPECT_EQ(out[1], 0x80);
+  i2 = VAFree(i2);
+
+  PAA c = Text("ab");
+  len = 4;
+  EXPECT_EQ(VAGetBytes(c, out, &len), 0);
+  EXPECT_EQ(out[0], 'a');
+  EXPECT_EQ(len, 4u);  // the caller knows the size
+  c = VAFree(c);
+
+  PAA i4 = Vector<SI4>(VAI4, {1});
+  EXPECT_EQ(VAGetBytes(i4, out, &len), ERR_DOMAIN);
+  i4 = VAFree(i4);
+}
+
+TEST(VAGet, Unicode) {
+  SetUnicode(true);
+  UI4 len = 7;
+  char buf[32];
+  PAA c4 = VANewVector(VAC4, 2);
+  UI4 cps[2] = {0x20AC, 0x41};
+  memcpy(VADATA(c4), cps, 8);
+  EXPECT_EQ(VAGetUnicodeLen(c4, 0, &len, UTF8, 1), 0);
+  EXPECT_EQ(len, 5u);
+  EXPECT_EQ(VAGetUnicode(c4, 0, buf, sizeof(buf), UTF8, 1), 0);
+  EXPECT_STREQ(buf, "\xE2\x82\xAC" "A");
+  EXPECT_EQ(VAGetUnicode(c4, 1, buf, sizeof(buf), UTF8, 1), ERR_APL_DOMAIN);
+  // The euro sign doesn't fit one byte.
+  EXPECT_EQ(VAGetUnicode(c4, 0, buf, sizeof(buf), UCS1, 1), ERR_APL_DOMAIN);
+  PAA nest = Nested({c4, IntScalar(12), Vector<SI4>(VAI4, {1, 2})});
+  EXPECT_EQ(VAGetUnicodeLen(nest, 0, &len, UCS2, 0), 0);
+  EXPECT_EQ(len, 4u);
+  EXPECT_EQ(VAGetUnicodeLen(nest, 1, &len, UTF16, 1), 0);
+  EXPECT_EQ(len, 6u);  // "12" through its narrow text
+  EXPECT_EQ(VAGetUnicode(nest, 1, buf, sizeof(buf), UTF16, 1), 0);
+  EXPECT_EQ(memcmp(buf, "1\0" "2\0\0", 6), 0);
+  EXPECT_EQ(VAGetUnicodeLen(nest, 2, &len, UTF8, 1), ERR_APL_LENGTH);
+  EXPECT_EQ(len, 0u);
+  nest = VAFree(nest);
+
+  PAA het = HetVector(2);
+  SI4 n = 77;
+  SetHet(het, 0, VAI4, &n, 4);
+  SetHet(het, 1, VAC1, "k", 1);
+  EXPECT_EQ(VAGetUnicodeLen(het, 0, &len, UCS4, 1), 0);
+  EXPECT_EQ(len, 2u);
+  // Narrow text, whatever encoding was asked for.
+  EXPECT_EQ(VAGetUnicode(het, 0, buf, sizeof(buf), UCS4, 1), 0);
+  EXPECT_STREQ(buf, "77");
+  EXPECT_EQ(VAGetUnicode(het, 1, buf, sizeof(buf), UCS4, 1), 0);
+  EXPECT_STREQ(buf, "k");
+  het = VAFree(het);
+
+  // Classic hosts read one-byte characters through the classic table.
+  SetUnicode(false);
+  PAA av = VANewVector(VAC1, 2);
+  ((UI1*)VADATA(av))[0] = 17;  // 'a' in the classic order
+  ((UI1*)VADATA(av))[1] = 14;  // U+237A
+  EXPECT_EQ(VAGetUnicode(av, 0, buf, sizeof(buf), UTF8, 1), 0);
+  EXPECT_STREQ(buf, "a\xE2\x8D\xBA");
+  av = VAFree(av);
+  SetUnicode(true);
+}
+
+TEST(VAGet, PAA) {
+  PAA out = (PAA)1;
+  PAA v = Vector<SI4>(VAI4, {3, 4});
+  EXPECT_EQ(VAGetpAA(v, 1, &out), 0);
+  EXPECT_EQ(VAType(out), VAI4);
+  EXPECT_EQ(VARank(out), 0);
+  EXPECT_EQ(VARefCount(out), 1u);
+  SI4 x;
+  VAGetSI4(out, 0, &x);
+  EXPECT_EQ(x, 4);
+  out = VAFree(out);
+  EXPECT_EQ(VAGetpAA(v, 2, &out), ERR_APL_LENGTH);
+  EXPECT_EQ(out, nullptr);
+  v = VAFree(v);
+
+  PAA child = Text("x");
+  PAA nest = Nested({child, nullptr});
+  EXPECT_EQ(VAGetpAA(nest, 0, &out), 0);
+  EXPECT_EQ(out, child);
+  EXPECT_EQ(VARefCount(child), 2u);
+  out = VAFree(out);
+  EXPECT_EQ(VAGetpAA(nest, 1, &out), ERR_APL_VALUE);
+  nest = VAFree(nest);
+
+  PAA f = Vector<F8>(VAF8, {0.25});
+  EXPECT_EQ(VAGetpAA(f, 0, &out), 0);
+  EXPECT_EQ(VAType(out), VAF8);
+  out = VAFree(out);
+  f = VAFree(f);
+
+  PAA het = HetVector(1);
+  SetHet(het, 0, VAC1, "c", 1);
+  EXPECT_EQ(VAGetpAA(het, 0, &out), 0);
+  EXPECT_EQ(VAType(out), VAC1);
+  EXPECT_EQ(*(char*)VADATA(out), 'c');
+  out = VAFree(out);
+  het = VAFree(het);
+
+  PAA text = Text("ab");
+  EXPECT_EQ(VAGetpAA(text, 0, &out), ERR_APL_DOMAIN);
+  text = VAFree(text);
+}
+
+TEST(VASet, Numbers) {
+  PAA i4 = VANewVector(VAI4, 1);
+  EXPECT_EQ(VASetSI4(i4, 0, -9), 0);
+  EXPECT_EQ(At<SI4>(i4, 0), -9);
+  EXPECT_EQ(VASetSI4(i4, 1, 0), ERR_APL_LENGTH);
+  EXPECT_EQ(VASetF8(i4, 0, 1.0), ERR_APL_DOMAIN);
+  i4 = VAFree(i4);
+
+  for (VATYPES t : {VABit, VAI1, VAI2, VAC1, VAI8}) {
+    PAA p = VANewVector(t, 1);
+    EXPECT_EQ(VASetSI4(p, 0, 1), ERR_APL_DOMAIN) << t;
+    VAFree(p);
+  }
+
+  PAA f = VANewVector(VAF8, 1);
+  EXPECT_EQ(VASetSI4(f, 0, 5), 0);
+  EXPECT_EQ(At<F8>(f, 0), 5.0);
+  EXPECT_EQ(VASetF8(f, 0, 0.5), 0);
+  EXPECT_EQ(At<F8>(f, 0), 0.5);
+  f = VAFree(f);
+
+  PAA cx = VANewVector(VA2F8, 1);
+  F8 imag = 9.0;
+  memcpy((char*)VADATA(cx) + 8, &imag, 8);
+  EXPECT_EQ(VASetF8(cx, 0, 1.5), 0);
+  EXPECT_EQ(At<F8>(cx, 0), 1.5);
+  EXPECT_EQ(At<F8>(cx, 1), 0.0);
+  cx = VAFree(cx);
+
+  // An empty nested array's prototype is a slot like any other.
+  PAA empty = VANewVector(VAPntr, 0);
+  EXPECT_EQ(VASetSI4(empty, 0, 8), 0);
+  SI4 v;
+  EXPECT_EQ(VAGetSI4(empty, 0, &v), 0);
+  EXPECT_EQ(v, 8);
+  empty = VAFree(empty);
+
+  PAA het = VANewVector(VAHet, 2);
+  EXPECT_EQ(VASetSI4(het, 0, 3), 0);
+  EXPECT_EQ(VAHetType(het, 0), VAI4);
+  EXPECT_EQ(VASetF8(het, 1, 2.5), 0);
+  EXPECT_EQ(VAHetType(het, 1), VAF8);
+  F8 d;
+  EXPECT_EQ(VAGetF8(het, 1, &d), 0);
+  EXPECT_EQ(d, 2.5);
+  het = VAFree(het);
+
+  PAA dec = VANewVector(VADpd, 2);
+  EXPECT_EQ(VASetSI4(dec, 0, 12), 0);
+  EXPECT_EQ(VASetF8(dec, 1, 0.75), 0);
+  EXPECT_EQ(VAGetSI4(dec, 0, &v), 0);
+  EXPECT_EQ(v, 12);
+  EXPECT_EQ(VAGetSI4(dec, 1, &v), ERR_APL_DOMAIN);
+  EXPECT_EQ(VAGetF8(dec, 1, &d), 0);
+  EXPECT_EQ(d, 0.75);
+  dec = VAFree(dec);
+}
+
+TEST(VASet, TextAndChildren) {
+  PAA c = VANewVector(VAC1, 5);
+  EXPECT_EQ(VASetCH1(c, 0, (PCH1) "ab", 2, 0), 0);
+  EXPECT_EQ(Str(c), "ab   ");
+  EXPECT_EQ(VASetCH1(c, 0, (PCH1) "abcdef", 6, 0), ERR_APL_LENGTH);
+  EXPECT_EQ(VASetCH1(c, 1, (PCH1) "a", 1, 0), ERR_APL_DOMAIN);
+  c = VAFree(c);
+
+  PAA nest = VANewVector(VAPntr, 2);
+  EXPECT_EQ(VASetCH1(nest, 0, (PCH1) "", 0, 1), 0);
+  PAA slot = VASlot(nest, 0);
+  EXPECT_EQ(VARank(slot), 1);
+  EXPECT_EQ(VAElems(slot), 0u);
+  EXPECT_EQ(VASetCH1(nest, 2, (PCH1) "x", 1, 1), ERR_APL_LENGTH);
+  EXPECT_EQ(VASetUnicode(nest, 1, (PCH1) "\xE2\x82\xAC", VAZEROTERM, UTF8), 0);
+  slot = VASlot(nest, 1);
+  EXPECT_EQ(VAType(slot), VAC2);
+  EXPECT_EQ(VAElems(slot), 1u);
+  EXPECT_EQ(At<UI2>(slot, 0), 0x20AC);
+  nest = VAFree(nest);
+
+  PAA het = VANewVector(VAHet, 1);
+  EXPECT_EQ(VASetCH1(het, 0, (PCH1) "hi", 2, 0), 0);
+  EXPECT_EQ(VAHetType(het, 0), VAPntr);
+  EXPECT_EQ(Str(VAHetChild(het, 0)), "hi");
+  het = VAFree(het);
+
+  PAA i4 = VANewVector(VAI4, 1);
+  EXPECT_EQ(VASetCH1(i4, 0, (PCH1) "x", 1, 0), ERR_APL_DOMAIN);
+  EXPECT_EQ(VASetUnicode(i4, 0, (PCH1) "x", 1, UTF8), ERR_APL_DOMAIN);
+  EXPECT_EQ(VASetpAA(i4, 0, nullptr), ERR_APL_DOMAIN);
+  i4 = VAFree(i4);
+
+  PAA c2 = VANewVector(VAC2, 3);
+  EXPECT_EQ(VASetUnicode(c2, 0, (PCH1) "a\xC3\xA9", 3, UTF8), 0);
+  EXPECT_EQ(At<UI2>(c2, 1), 0xE9);
+  EXPECT_EQ(At<UI2>(c2, 2), 0);
+  EXPECT_EQ(VASetUnicode(c2, 1, (PCH1) "a", 1, UTF8), ERR_APL_DOMAIN);
+  c2 = VAFree(c2);
+
+  // The slot takes over the reference it is given.
+  PAA child = Text("own");
+  PAA holder = VANewVector(VAPntr, 1);
+  EXPECT_EQ(VASetpAA(holder, 0, child), 0);
+  EXPECT_EQ(VARefCount(child), 1u);
+  EXPECT_EQ(VASetpAA(holder, 1, child), ERR_APL_LENGTH);
+  holder = VAFree(holder);
+}
+
+TEST(VASet, TranslatesText) {
+  char up[256], down[256];
+  for (int i = 0; i < 256; i++) up[i] = down[i] = (char)i;
+  up['a'] = 'A';      // host to ASCII
+  down['b'] = 'B';    // ASCII to host
+  SetChar2asc(up);
+  SetChar2av(down);
+  PAA c = VANewVector(VAC1, 3);
+  EXPECT_EQ(VASetCH1(c, 0, (PCH1) "ba", 2, 1), 0);
+  EXPECT_EQ(Str(c), "Ba ");
+  EXPECT_EQ(VASetCH1(c, 0, (PCH1) "ba", 2, 0), 0);
+  EXPECT_EQ(Str(c), "ba ");
+  char buf[8];
+  EXPECT_EQ(VAGetCH1(c, 0, buf, sizeof(buf), 1), 0);
+  EXPECT_STREQ(buf, "bA ");
+  EXPECT_EQ(VAGetCH1(c, 0, buf, 3, 0), 0);
+  EXPECT_EQ(std::string(buf, 3), "ba ");
+  c = VAFree(c);
+  ClrChar2asc();
+  ClrChar2av();
+}
+
+}  // namespace
