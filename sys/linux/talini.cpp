@@ -10,6 +10,20 @@
 
 #define MODULE 0x00000010
 
+// Reads the next line into a buffer of MAXLINELEN. A longer line is cut
+// there and its rest skipped, so text deep in a long value never counts as a
+// section or a key of its own.
+static bool NextLine(FILE* f, char* line) {
+  if (!fgets(line, MAXLINELEN, f)) return false;
+  size_t len = strlen(line);
+  if (len > 0 && line[len - 1] != '\n') {
+    int c;
+    while ((c = fgetc(f)) != EOF && c != '\n') {
+    }
+  }
+  return true;
+}
+
 static const char* OrNull(const char* s) { return s ? s : "NULL"; }
 
 // Writes name and a NUL at out + count when there is room for it and a
@@ -29,7 +43,7 @@ static void CloseList(PCH1 out, UI4 size, UI4 count) {
 static UI4 ListSections(FILE* f, PCH1 out, UI4 size) {
   char line[MAXLINELEN];
   UI4 count = 0;
-  while (fgets(line, sizeof(line), f)) {
+  while (NextLine(f, line)) {
     char* end = strchr(line, ']');
     if (line[0] != '[' || !end) continue;
     count = AddName(out, size, count, line + 1, (UI4)(end - line - 1));
@@ -49,7 +63,7 @@ static char* KeyToken(char* line, char** save) {
 UI4 GetKeys(FILE* file, PCH1 out, UI4 size) {
   char line[MAXLINELEN];
   UI4 count = 0;
-  while (fgets(line, sizeof(line), file) && line[0] != '[') {
+  while (NextLine(file, line) && line[0] != '[') {
     char* save = nullptr;
     char* tok = KeyToken(line, &save);
     if (tok) count = AddName(out, size, count, tok, (UI4)strlen(tok));
@@ -61,7 +75,7 @@ UI4 GetKeys(FILE* file, PCH1 out, UI4 size) {
 static bool FindSection(FILE* f, const char* section) {
   char line[MAXLINELEN];
   size_t len = strlen(section);
-  while (fgets(line, sizeof(line), f)) {
+  while (NextLine(f, line)) {
     if (line[0] == '[' && strncasecmp(line + 1, section, len) == 0 && line[1 + len] == ']')
       return true;
   }
@@ -73,7 +87,7 @@ static bool FindSection(FILE* f, const char* section) {
 // lands in line; null when the key is absent or its value empty.
 static char* FindKey(FILE* f, const char* key, char* line) {
   size_t len = strlen(key);
-  while (fgets(line, MAXLINELEN, f) && line[0] != '[') {
+  while (NextLine(f, line) && line[0] != '[') {
     char* eq = strchr(line, '=');
     if (!eq) continue;
     char probe[MAXLINELEN];
