@@ -3,7 +3,9 @@
 // works without a table per pair.
 #include "vaunicod.h"
 
+#include <array>
 #include <cstring>
+#include <utility>
 
 #include "pelkoerr.h"
 #include "vapl.h"
@@ -67,7 +69,7 @@ static const UTF8TAB tab[] = {
     {0, 0, 0, 0, 0},
 };
 
-static SI4 GetUtf8(UI1* p, UI4 avail, UI4* pc) {
+static inline __attribute__((always_inline)) SI4 GetUtf8(UI1* p, UI4 avail, UI4* pc) {
   UI4 c0 = p[0];
   UI4 value = c0;
   SI4 used = 0;
@@ -88,7 +90,11 @@ static SI4 GetUtf8(UI1* p, UI4 avail, UI4* pc) {
   return -1;
 }
 
-SI4 GetUnicodeC(UNICODETYPES t, UI1* p, UI4 l, UI4 i, UI4* pc) {
+// The conversion loop runs these once per character: they are inlined
+// there, and the exported functions are thin doors to them.
+#define CODEPOINT_INLINE static inline __attribute__((always_inline))
+
+CODEPOINT_INLINE SI4 ReadCode(UNICODETYPES t, UI1* p, UI4 l, UI4 i, UI4* pc) {
   *pc = 0;
   if (i > l || l - i < MinUSize[t]) return -1;
   UI1* s = p + i;
@@ -128,7 +134,7 @@ static const UTF8TAB* Utf8Row(UI4 c) {
   return nullptr;
 }
 
-SI4 PutUnicodeC(UNICODETYPES t, UI1* p, UI4 l, UI4 i, UI4* pc) {
+CODEPOINT_INLINE SI4 WriteCode(UNICODETYPES t, UI1* p, UI4 l, UI4 i, UI4* pc) {
   UI4 c = *pc;
   if (p && (i > l || l - i < MinUSize[t])) return -1;
   UI4 room = p ? l - i : 0;
@@ -181,31 +187,66 @@ SI4 PutUnicodeC(UNICODETYPES t, UI1* p, UI4 l, UI4 i, UI4* pc) {
   return -1;
 }
 
-SI4 ConvUnicodeM(UNICODETYPES tto, UI1* pto, UI4* plto, UNICODETYPES tfrom, UI1* pfrom,
-                 UI4 lfrom, SI2 term) {
-  UI4 in = 0, out = 0;
-  UI4 lto = pto ? *plto : 0;
+SI4 GetUnicodeC(UNICODETYPES t, UI1* p, UI4 l, UI4 i, UI4* pc) { return ReadCode(t, p, l, i, pc); }
+
+SI4 PutUnicodeC(UNICODETYPES t, UI1* p, UI4 l, UI4 i, UI4* pc) { return WriteCode(t, p, l, i, pc); }
+
+// The character loop of one pair of encodings. Instantiated for every pair,
+// so that the per-character tests of the encodings fold away. Stops at the
+// end of the source, a zero, a full target, or a code; *pout holds where
+// the output got to.
+template <int From, int To>
+static SI4 ConvLoop(UI1* pto, UI4 lto, UI1* pfrom, UI4 lfrom, UI4* pout) {
+  UI4 in = 0, out = *pout;
+  SI4 rc = 0;
   while (in < lfrom && (!pto || out < lto)) {
     UI4 c;
-    SI4 n = GetUnicodeC(tfrom, pfrom, lfrom, in, &c);
+    SI4 n = ReadCode((UNICODETYPES)From, pfrom, lfrom, in, &c);
     // A zero ends the text, and so does a sequence that can't be read.
     if (c == 0) break;
     if (c > 0x10FFFF) {
-      if (!pto) *plto = out;
-      return ERR_UTF8;
+      rc = ERR_UTF8;
+      break;
     }
     // A character that can't be written stops the conversion: writing on
     // would step back over what was already written.
-    SI4 m = PutUnicodeC(tto, pto, lto, out, &c);
-    if (m == -1) return ERR_APL_LENGTH;
-    if (m == -2) return ERR_APL_DOMAIN;
+    SI4 m = WriteCode((UNICODETYPES)To, pto, lto, out, &c);
+    if (m < 0) {
+      rc = m == -1 ? ERR_APL_LENGTH : ERR_APL_DOMAIN;
+      break;
+    }
     in += (UI4)n;
     out += (UI4)m;
   }
-  SI4 rc = 0;
+  *pout = out;
+  return rc;
+}
+
+typedef SI4 (*CONVLOOP)(UI1*, UI4, UI1*, UI4, UI4*);
+
+template <int From, int... To>
+static constexpr std::array<CONVLOOP, 6> LoopsFrom(std::integer_sequence<int, To...>) {
+  return {{&ConvLoop<From, To>...}};
+}
+
+template <int... From>
+static constexpr std::array<std::array<CONVLOOP, 6>, 6> AllLoops(std::integer_sequence<int, From...>) {
+  return {{LoopsFrom<From>(std::make_integer_sequence<int, 6>())...}};
+}
+
+static constexpr std::array<std::array<CONVLOOP, 6>, 6> convLoops =
+    AllLoops(std::make_integer_sequence<int, 6>());
+
+SI4 ConvUnicodeM(UNICODETYPES tto, UI1* pto, UI4* plto, UNICODETYPES tfrom, UI1* pfrom,
+                 UI4 lfrom, SI2 term) {
+  UI4 out = 0;
+  UI4 lto = pto ? *plto : 0;
+  SI4 rc = convLoops[tfrom][tto](pto, lto, pfrom, lfrom, &out);
+  if (rc == ERR_UTF8 && !pto) *plto = out;
+  if (rc) return rc;
   if (term) {
     UI4 zero = 0;
-    SI4 m = PutUnicodeC(tto, pto, lto, out, &zero);
+    SI4 m = WriteCode(tto, pto, lto, out, &zero);
     if (m == -1) rc = ERR_APL_LENGTH;
     else if (m == -2) rc = ERR_APL_DOMAIN;
     else out += (UI4)m;
