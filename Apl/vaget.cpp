@@ -2,7 +2,6 @@
 // looking through pointer slots and heterogeneous cells, and refuses the
 // conversions that would lose or invent information.
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -153,32 +152,6 @@ SI4 VAGetF8(PAA pAA, UI4 index, F8* pdVal) {
   }
 }
 
-// Printed length of a number, with its terminator when withZero.
-static SI4 PrintedLength(UI4* pLen, bool withZero, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));
-static SI4 PrintedLength(UI4* pLen, bool withZero, const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  int n = vsnprintf(nullptr, 0, fmt, ap);
-  va_end(ap);
-  *pLen = (UI4)n + (withZero ? 1 : 0);
-  return 0;
-}
-
-// Prints a number into the caller's buffer; a buffer too small for the text
-// and its terminator is refused rather than overrun.
-static SI4 PrintInto(PCH1 pBuf, UI4 len, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
-static SI4 PrintInto(PCH1 pBuf, UI4 len, const char* fmt, ...) {
-  char text[64];
-  va_list ap;
-  va_start(ap, fmt);
-  int n = vsnprintf(text, sizeof(text), fmt, ap);
-  va_end(ap);
-  if (n < 0 || (UI4)n >= len) return ERR_APL_LENGTH;
-  memcpy(pBuf, text, (size_t)n + 1);
-  return 0;
-}
-
 enum NumberKind { NotNumber, IntNumber, FloatNumber, DecNumber };
 
 static NumberKind KindOf(UI4 type) {
@@ -190,34 +163,47 @@ static NumberKind KindOf(UI4 type) {
   }
 }
 
-static SI4 NumberLen(PAA pAA, UI4 index, NumberKind kind, UI4* pLen) {
+// Element index as a number of the given kind: printed into pBuf, which a
+// text and its terminator must fit rather than overrun, or with pBuf null
+// only measured into *pLen, the terminator counted for integers when
+// intZero. A decimal always measures as the widest decimal text.
+static SI4 FormatNumber(PAA pAA, UI4 index, NumberKind kind, PCH1 pBuf, UI4 len, UI4* pLen,
+                        bool intZero) {
+  char text[64];
+  int n;
   if (kind == IntNumber) {
     SI4 v;
     SI4 rc = VAGetSI4(pAA, index, &v);
-    return rc ? rc : PrintedLength(pLen, true, "%d", v);
-  }
-  if (kind == FloatNumber) {
+    if (rc) return rc;
+    n = snprintf(text, sizeof(text), "%d", v);
+  } else if (kind == FloatNumber) {
     F8 v;
     SI4 rc = VAGetF8(pAA, index, &v);
-    return rc ? rc : PrintedLength(pLen, false, "%G", v);
+    if (rc) return rc;
+    n = snprintf(text, sizeof(text), "%G", v);
+  } else {
+    if (!pBuf) {
+      *pLen = MaxDecfStrLen();
+      return 0;
+    }
+    F16* p = (F16*)Elem(pAA, index, 16);
+    return pAA->type == VADpd ? dpdToCH1(p, pBuf, len) : bidToCH1(p, pBuf, len);
   }
-  *pLen = MaxDecfStrLen();
+  if (!pBuf) {
+    *pLen = (UI4)n + (kind == IntNumber && intZero ? 1 : 0);
+    return 0;
+  }
+  if ((UI4)n >= len) return ERR_APL_LENGTH;
+  memcpy(pBuf, text, (size_t)n + 1);
   return 0;
 }
 
+static SI4 NumberLen(PAA pAA, UI4 index, NumberKind kind, UI4* pLen) {
+  return FormatNumber(pAA, index, kind, nullptr, 0, pLen, true);
+}
+
 static SI4 NumberText(PAA pAA, UI4 index, NumberKind kind, PCH1 pBuf, UI4 len) {
-  if (kind == IntNumber) {
-    SI4 v;
-    SI4 rc = VAGetSI4(pAA, index, &v);
-    return rc ? rc : PrintInto(pBuf, len, "%d", v);
-  }
-  if (kind == FloatNumber) {
-    F8 v;
-    SI4 rc = VAGetF8(pAA, index, &v);
-    return rc ? rc : PrintInto(pBuf, len, "%G", v);
-  }
-  F16* p = (F16*)Elem(pAA, index, 16);
-  return pAA->type == VADpd ? dpdToCH1(p, pBuf, len) : bidToCH1(p, pBuf, len);
+  return FormatNumber(pAA, index, kind, pBuf, len, nullptr, false);
 }
 
 // The one character of a heterogeneous cell, with a terminator and
@@ -373,16 +359,8 @@ static UNICODETYPES TextSource(PAA pAA, UI4 count, UI4* pBytes) {
 
 static SI4 HetUnicodeLen(PAA pAA, UI4 index, UI4* plen, SI2 term) {
   SI4 tag = VAHetType(pAA, index);
-  if (tag >= VABit && tag <= VAI4) {
-    SI4 v;
-    SI4 rc = VAGetSI4(pAA, index, &v);
-    return rc ? rc : PrintedLength(plen, false, "%d", v);
-  }
-  if (tag == VAF8) {
-    F8 v;
-    SI4 rc = VAGetF8(pAA, index, &v);
-    return rc ? rc : PrintedLength(plen, false, "%G", v);
-  }
+  if (tag >= VABit && tag <= VAF8)
+    return FormatNumber(pAA, index, tag == VAF8 ? FloatNumber : IntNumber, nullptr, 0, plen, false);
   if (tag == VAC1) {
     *plen = 1;
     return 0;

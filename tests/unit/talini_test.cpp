@@ -46,21 +46,22 @@ class Ini : public ::testing::Test {
 TEST_F(Ini, MatchingRules) {
   char out[200];
   // Section names compare without case and must be followed by ']'.
-  EXPECT_EQ(Get("Logging", "File", "def", out, sizeof(out)), 5u);
-  EXPECT_STREQ(out, "x.log");  // the asked name only begins the key
-  EXPECT_EQ(Get("LOGGING", "filename", "def", out, sizeof(out)), 5u);
-  EXPECT_STREQ(out, "x.log");
-  EXPECT_EQ(Get("Logging", "Empty", "def", out, sizeof(out)), 3u);
-  EXPECT_STREQ(out, "def");
-  EXPECT_EQ(Get("Logging", "Spaced", "def", out, sizeof(out)), 8u);
-  EXPECT_STREQ(out, " padded ");
-  EXPECT_EQ(Get("Logging", "Missing", "dflt", out, sizeof(out)), 4u);
-  EXPECT_STREQ(out, "dflt");
-  EXPECT_EQ(Get("Other", "Key", "", out, sizeof(out)), 5u);
-  EXPECT_STREQ(out, "other");
-  EXPECT_EQ(Get("Log", "File", "", out, sizeof(out)), 5u);
-  EXPECT_STREQ(out, "short");
-  EXPECT_EQ(Get("Nowhere", "File", "d", out, sizeof(out)), 1u);
+  struct {
+    const char *section, *key, *def, *value;
+  } cases[] = {
+      {"Logging", "File", "def", "x.log"},  // the asked name only begins the key
+      {"LOGGING", "filename", "def", "x.log"},
+      {"Logging", "Empty", "def", "def"},
+      {"Logging", "Spaced", "def", " padded "},
+      {"Logging", "Missing", "dflt", "dflt"},
+      {"Other", "Key", "", "other"},
+      {"Log", "File", "", "short"},
+      {"Nowhere", "File", "d", "d"},
+  };
+  for (auto& c : cases) {
+    EXPECT_EQ(Get(c.section, c.key, c.def, out, sizeof(out)), strlen(c.value)) << c.key;
+    EXPECT_STREQ(out, c.value) << c.section << " " << c.key;
+  }
   // The commented key is skipped and the section's first match wins.
   EXPECT_EQ(Get("Logging", ";File", "d", out, sizeof(out)), 1u);
   // A long line is cut; its rest is neither a key nor a section.

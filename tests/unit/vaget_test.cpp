@@ -17,6 +17,16 @@ namespace {
 
 PAA HetVector(UI4 n) { return VANewVector(VAHet, n); }
 
+// Element i reads as the integer want, both as an integer and as a double.
+void ExpectInteger(PAA p, UI4 i, SI4 want) {
+  SI4 v = 0;
+  F8 d = 0;
+  EXPECT_EQ(VAGetSI4(p, i, &v), 0) << i;
+  EXPECT_EQ(v, want) << i;
+  EXPECT_EQ(VAGetF8(p, i, &d), 0) << i;
+  EXPECT_EQ(d, (F8)want) << i;
+}
+
 void SetHet(PAA het, UI4 i, SI4 tag, const void* v, UI4 size) { VASetHetCell(het, i, tag, v, size); }
 
 TEST(VAGet, SI4FromEveryNumericType) {
@@ -96,10 +106,7 @@ TEST(VAGet, ThroughPointersAndCells) {
   F8 d;
   PAA nest = Nested({Vector<SI4>(VAI4, {42}), Vector<SI4>(VAI4, {1, 2}),
                      VANewVector(VAI4, 0), VANewVector(VAPntr, 0), nullptr});
-  EXPECT_EQ(VAGetSI4(nest, 0, &v), 0);
-  EXPECT_EQ(v, 42);
-  EXPECT_EQ(VAGetF8(nest, 0, &d), 0);
-  EXPECT_EQ(d, 42.0);
+  ExpectInteger(nest, 0, 42);
   EXPECT_EQ(VAGetSI4(nest, 1, &v), ERR_APL_INDEX);
   EXPECT_EQ(VAGetSI4(nest, 2, &v), ERR_APL_INDEX);
   EXPECT_EQ(VAGetF8(nest, 1, &d), ERR_APL_INDEX);
@@ -123,12 +130,7 @@ TEST(VAGet, ThroughPointersAndCells) {
   SetHet(het, 5, VAPntr, &child, sizeof(PAA));
   SetHet(het, 6, VAC1, "z", 1);
   SI4 expect[] = {1, -3, 1000, 4};
-  for (UI4 i = 0; i < 4; i++) {
-    EXPECT_EQ(VAGetSI4(het, i, &v), 0);
-    EXPECT_EQ(v, expect[i]);
-    EXPECT_EQ(VAGetF8(het, i, &d), 0);
-    EXPECT_EQ(d, expect[i]);
-  }
+  for (UI4 i = 0; i < 4; i++) ExpectInteger(het, i, expect[i]);
   EXPECT_EQ(VAGetSI4(het, 4, &v), ERR_APL_DOMAIN);
   EXPECT_EQ(VAGetF8(het, 4, &d), 0);
   EXPECT_EQ(d, 4.5);
@@ -392,25 +394,23 @@ TEST(VASet, Numbers) {
   EXPECT_EQ(v, 8);
   empty = VAFree(empty);
 
-  PAA het = VANewVector(VAHet, 2);
-  EXPECT_EQ(VASetSI4(het, 0, 3), 0);
-  EXPECT_EQ(VAHetType(het, 0), VAI4);
-  EXPECT_EQ(VASetF8(het, 1, 2.5), 0);
-  EXPECT_EQ(VAHetType(het, 1), VAF8);
-  F8 d;
-  EXPECT_EQ(VAGetF8(het, 1, &d), 0);
-  EXPECT_EQ(d, 2.5);
-  het = VAFree(het);
-
-  PAA dec = VANewVector(VADpd, 2);
-  EXPECT_EQ(VASetSI4(dec, 0, 12), 0);
-  EXPECT_EQ(VASetF8(dec, 1, 0.75), 0);
-  EXPECT_EQ(VAGetSI4(dec, 0, &v), 0);
-  EXPECT_EQ(v, 12);
-  EXPECT_EQ(VAGetSI4(dec, 1, &v), ERR_APL_DOMAIN);
-  EXPECT_EQ(VAGetF8(dec, 1, &d), 0);
-  EXPECT_EQ(d, 0.75);
-  dec = VAFree(dec);
+  // Cells take the tag of what is stored; decimals hold both exactly.
+  for (VATYPES t : {VAHet, VADpd, VABid}) {
+    PAA p = VANewVector(t, 2);
+    EXPECT_EQ(VASetSI4(p, 0, 12), 0);
+    EXPECT_EQ(VASetF8(p, 1, 0.75), 0);
+    if (t == VAHet) {
+      EXPECT_EQ(VAHetType(p, 0), VAI4);
+      EXPECT_EQ(VAHetType(p, 1), VAF8);
+    }
+    F8 d;
+    EXPECT_EQ(VAGetSI4(p, 0, &v), 0);
+    EXPECT_EQ(v, 12);
+    EXPECT_EQ(VAGetSI4(p, 1, &v), ERR_APL_DOMAIN) << t;
+    EXPECT_EQ(VAGetF8(p, 1, &d), 0);
+    EXPECT_EQ(d, 0.75);
+    VAFree(p);
+  }
 }
 
 TEST(VASet, TextAndChildren) {
