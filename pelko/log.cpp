@@ -140,28 +140,22 @@ void DescribeAA(FILE* f, VARRAY* aa, int indent) {
   }
 }
 
-// Numbers read straight from the record, as doubles, for the dump.
-static F8 NumberAt(PAA aa, UI4 i) {
-  PCH1 d = (PCH1)VADATA(aa);
-  switch (aa->type) {
-    case VABit: return (d[i / 8] >> (7 - i % 8)) & 1;
-    case VAI1: return ((SI1*)d)[i];
-    case VAI2: { SI2 v; memcpy(&v, d + 2 * i, 2); return v; }
-    case VAI4: { SI4 v; memcpy(&v, d + 4 * i, 4); return v; }
-    case VAF8: { F8 v; memcpy(&v, d + 8 * i, 8); return v; }
-    case VAApvI4: { SI4 v[2]; memcpy(v, d, 8); return (F8)v[0] + (F8)i * v[1]; }
-    case VAApvF8: { F8 v[2]; memcpy(v, d, 16); return v[0] + (F8)i * v[1]; }
-    default: return 0;
-  }
-}
-
-static void PrintText(FILE* f, const char* p, UI4 n, int indent, const char* tooLong) {
+// Element i as text, through the same reader the library uses, or the
+// failure line when it doesn't fit the dump's buffer.
+static void PrintText(FILE* f, PAA aa, UI4 i, int indent, const char* tooLong) {
+  char text[2048];
   BeginLine(f, indent);
-  if (n >= 2048) {
-    fprintf(f, tooLong, (size_t)2048);
+  if (VAGetCH1(aa, i, text, sizeof(text), VACHAR) != 0) {
+    fprintf(f, tooLong, sizeof(text));
     return;
   }
-  fwrite(p, 1, n, f);
+  fputs(text, f);
+}
+
+static F8 NumberAt(PAA aa, UI4 i) {
+  F8 v = 0;
+  VAGetF8(aa, i, &v);
+  return v;
 }
 
 void PrintAA(FILE* f, VARRAY* aa, int indent) {
@@ -183,15 +177,13 @@ void PrintAA(FILE* f, VARRAY* aa, int indent) {
       }
       break;
     case VAC1:
-      PrintText(f, (const char*)VADATA(aa), n, indent, "String larger than %zd bytes");
+      PrintText(f, aa, 0, indent, "String larger than %zd bytes");
       break;
     case VAPntr:
       for (UI4 i = 0; i < n; i++) {
         BeginLine(f, indent + 1);
         fprintf(f, ">Item no. %d", (int)i);
-        PAA child;
-        memcpy(&child, (PCH1)VADATA(aa) + i * sizeof(PAA), sizeof(PAA));
-        PrintAA(f, child, indent + 2);
+        PrintAA(f, VASlot(aa, i), indent + 2);
       }
       break;
     case VAHet:
@@ -200,24 +192,13 @@ void PrintAA(FILE* f, VARRAY* aa, int indent) {
         fprintf(f, ">Item no. %7d ", (int)i);
         SI4 t = VAHetType(aa, i);
         fprintf(f, "Elem type %s", TypeName((UI4)t));
-        PCH1 payload = (PCH1)VAHetData(aa, i);
         if (t >= VABit && t <= VAF8) {
-          F8 v = 0;
-          switch (t) {
-            case VABit: v = ((UI1)payload[0] >> 7) & 1; break;
-            case VAI1: v = (SI1)payload[0]; break;
-            case VAI2: { SI2 x; memcpy(&x, payload, 2); v = x; break; }
-            case VAI4: { SI4 x; memcpy(&x, payload, 4); v = x; break; }
-            default: memcpy(&v, payload, 8); break;
-          }
           BeginLine(f, indent);
-          fprintf(f, "%g", v);
+          fprintf(f, "%g", NumberAt(aa, i));
         } else if (t == VAC1) {
-          PrintText(f, payload, 1, indent, "String larger than %lu bytes");
+          PrintText(f, aa, i, indent, "String larger than %lu bytes");
         } else if (t == VAPntr) {
-          PAA child;
-          memcpy(&child, payload, sizeof(PAA));
-          PrintAA(f, child, indent + 2);
+          PrintAA(f, VAHetChild(aa, i), indent + 2);
         }
       }
       break;
