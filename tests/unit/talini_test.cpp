@@ -1,6 +1,7 @@
 // The ini reader's matching rules and the environment reader.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -8,6 +9,8 @@
 #include <fstream>
 #include <string>
 
+#include "aplrpc.h"
+#include "log.h"
 #include "talplat.h"
 
 namespace {
@@ -123,6 +126,43 @@ TEST(PlatEnv, ValuesAndConfigDir) {
   unsetenv("HOME");
   EXPECT_EQ(PrependConfigDir((char*)"pelko.ini"), nullptr);
   if (home) setenv("HOME", saved.c_str(), 1);
+}
+
+}  // namespace
+
+namespace {
+
+// onLoad takes the log file and trace word from $HOME/.orvane/pelko.ini.
+TEST(PlatEnv, LoadReadsLogging) {
+  char dir[] = "/tmp/pelkohomeXXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  std::string conf = std::string(dir) + "/.orvane";
+  ASSERT_EQ(mkdir(conf.c_str(), 0700), 0);
+  std::string ini = conf + "/pelko.ini";
+  std::string log = std::string(dir) + "/trace.log";
+  {
+    std::ofstream f(ini);
+    f << "[Logging]\nFile=" << log << "\nOption=/T3/M0x10/t1\n";
+  }
+  { std::ofstream touch(log); }
+  const char* home = getenv("HOME");
+  std::string saved = home ? home : "";
+  setenv("HOME", dir, 1);
+  onLoad();
+  EXPECT_EQ(LOGGet(), 0x14u);
+  ASSERT_NE(pLogFile, nullptr);
+  EXPECT_EQ(std::string(pLogFile), log);
+  LOGSet(0);
+  InitLog("");
+  if (home) setenv("HOME", saved.c_str(), 1);
+  std::ifstream in(log);
+  std::string line;
+  std::getline(in, line);
+  EXPECT_NE(line.find("Logging is initialy set to 20 from /T3/M0x10/t1"), std::string::npos) << line;
+  unlink(log.c_str());
+  unlink(ini.c_str());
+  rmdir(conf.c_str());
+  rmdir(dir);
 }
 
 }  // namespace
