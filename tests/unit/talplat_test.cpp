@@ -1,6 +1,7 @@
 // Threads, semaphores, timed waits, sleeping and the version banner.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <signal.h>
 #include <sys/time.h>
 
@@ -78,12 +79,29 @@ UI4 Park(PVOID p) {
   return 0;
 }
 
+int Threads() {
+  int n = 0;
+  DIR* d = opendir("/proc/self/task");
+  while (struct dirent* e = readdir(d)) n += e->d_name[0] != '.';
+  closedir(d);
+  return n;
+}
+
 TEST(TalThread, DestructorOfRunningThreadCancelsIt) {
+#ifdef __SANITIZE_ADDRESS__
+  // Cancellation unwinds the thread's stack without unpoisoning it, which
+  // the address sanitizer reports as a use after scope at thread exit.
+  GTEST_SKIP() << "pthread_cancel is not supported under AddressSanitizer";
+#endif
   static TALSEMA never(0, 1);  // outlives the cancelled thread
+  int before = Threads();
   auto* t = new TALTHREAD(Park, &never);
   ASSERT_EQ(t->lError, 0);
   EXPECT_EQ(t->Ended.load(), 0u);
+  EXPECT_EQ(Threads(), before + 1);
   delete t;  // cancels the parked thread instead of leaving it blocked
+  for (int i = 0; i < 2000 && Threads() > before; i++) TALSleep(1000.0);
+  EXPECT_EQ(Threads(), before);
 }
 
 TEST(TalClock, MicrosAndSleep) {
