@@ -40,6 +40,7 @@ void Refusing(demo::Stage& s) {
   s.Expect(r.result == Value::Ints({20, 1003}), "20 1003");
   r = s.Show("NOROOT", "ATree", Value::Text(""));
   s.Expect(r.result == Value::Ints({20, 1006}), "20 1006");
+  printf("\n");
   s.Say("A block from a big-endian machine is turned away unread:");
   host::ZBlock block = host::Encode(Value::Text("abc"), host::kZHeader | host::kArchMach);
   printf("\n      Call '%s' 'ATree' (block with architecture word 0x%02X)\n", s.root.c_str(), block.arch());

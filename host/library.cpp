@@ -132,8 +132,8 @@ std::string FindLibrary(const std::string& builtIn) {
   if (n > 0) {
     std::string dir(exe, (size_t)n);
     dir.erase(dir.find_last_of('/') + 1);
-    std::string beside = dir + "../lib/pelko31_64.so";
-    if (FileExists(beside)) return beside;
+    char real[PATH_MAX];
+    if (realpath((dir + "../lib/pelko31_64.so").c_str(), real) && FileExists(real)) return real;
   }
   return builtIn;
 }

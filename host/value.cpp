@@ -55,7 +55,8 @@ size_t Value::dataBytes() const { return (size_t)((count() * ElementBits(type_) 
 Value Value::Simple(Type type, Shape shape, const void* p, size_t bytes) {
   Value v(type, std::move(shape));
   v.data_.assign(v.dataBytes(), 0);
-  if (p) memcpy(v.data_.data(), p, bytes < v.data_.size() ? bytes : v.data_.size());
+  size_t n = bytes < v.data_.size() ? bytes : v.data_.size();
+  if (n) memcpy(v.data_.data(), p, n);
   return v;
 }
 

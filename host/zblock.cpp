@@ -66,7 +66,7 @@ size_t Write(const Value& v, uint8_t* p) {
   for (size_t i = 0; i < rank; i++) PutLE64(p + kHeader + 8 * i, v.shape()[i]);
   size_t at = kHeader + 8 * rank;
   if (!v.isNested()) {
-    memcpy(p + at, v.bytes().data(), v.bytes().size());
+    if (!v.bytes().empty()) memcpy(p + at, v.bytes().data(), v.bytes().size());
     return at + Pad8(v.bytes().size());
   }
   for (const Value& item : v.items()) at += Write(item, p + at);
