@@ -90,22 +90,19 @@ std::string DecimalText(bool negative, U128 coefficient, int exponent) {
   return sign + d + "E" + HighMinus(std::to_string(exponent));
 }
 
-std::string Bid(const Decimal128& raw) {
-  U128 v = Load128(raw);
-  bool negative = v >> 127;
-  unsigned top = (unsigned)(v >> 122) & 0x1F;
-  if (top == 0x1E) return negative ? "¯∞" : "∞";
-  if (top == 0x1F) return "NaN";
-  if (((v >> 125) & 3) == 3) return DecimalText(negative, 0, (int)((v >> 111) & 0x3FFF) - 6176);
-  return DecimalText(negative, v & (((U128)1 << 113) - 1), (int)((v >> 113) & 0x3FFF) - 6176);
-}
-
-std::string Dpd(const Decimal128& raw) {
+// Both 128-bit decimal encodings share the sign and the special values in
+// the top bits; they differ in how exponent and coefficient are stored.
+std::string Decimal(const Decimal128& raw, bool densePacked) {
   U128 v = Load128(raw);
   bool negative = v >> 127;
   unsigned combo = (unsigned)(v >> 122) & 0x1F;
   if (combo == 0x1E) return negative ? "¯∞" : "∞";
   if (combo == 0x1F) return "NaN";
+  if (!densePacked) {
+    // A coefficient in the large form is past 10^34: non-canonical, zero.
+    if (combo >> 3 == 3) return DecimalText(negative, 0, (int)((v >> 111) & 0x3FFF) - 6176);
+    return DecimalText(negative, v & (((U128)1 << 113) - 1), (int)((v >> 113) & 0x3FFF) - 6176);
+  }
   unsigned expTop = (combo >> 3) == 3 ? (combo >> 1) & 3 : combo >> 3;
   U128 coefficient = (combo >> 3) == 3 ? 8 + (combo & 1) : combo & 7;
   for (int i = 10; i >= 0; i--) coefficient = coefficient * 1000 + Declet((unsigned)(v >> (i * 10)) & 0x3FF);
@@ -120,8 +117,8 @@ std::string Element(const Value& v, uint64_t i) {
       std::complex<double> c = v.complexAt(i);
       return c.imag() == 0 ? Number(c.real()) : Number(c.real()) + "J" + Number(c.imag());
     }
-    case Type::Bid: return Bid(v.decimalAt(i));
-    case Type::Dpd: return Dpd(v.decimalAt(i));
+    case Type::Bid: return Decimal(v.decimalAt(i), false);
+    case Type::Dpd: return Decimal(v.decimalAt(i), true);
     default: return HighMinus(std::to_string(v.intAt(i)));
   }
 }
