@@ -1,6 +1,7 @@
 // Showing host arrays as an APL session shows them. A value becomes a block
 // of lines; nested items are boxed and the boxes set side by side.
 #include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <ostream>
 #include <sstream>
@@ -34,7 +35,14 @@ std::string Number(double d) {
   if (std::isinf(d)) return d < 0 ? "¯∞" : "∞";
   char buf[40];
   snprintf(buf, sizeof buf, "%.10g", d);
-  return HighMinus(buf);
+  std::string s = buf;
+  size_t e = s.find('e');
+  if (e != std::string::npos) {
+    // 1e+300 and 1e-05 read 1E300 and 1E¯5.
+    int exponent = atoi(s.c_str() + e + 1);
+    s = s.substr(0, e) + "E" + std::to_string(exponent);
+  }
+  return HighMinus(s);
 }
 
 using U128 = unsigned __int128;
@@ -170,7 +178,9 @@ Lines NestedBlock(const Value& v) {
   std::vector<size_t> width(cols, 0);
   for (uint64_t i = 0; i < v.count(); i++) {
     const Value& item = v[i];
-    cells.push_back(item.isScalar() && !item.isNested() ? Block(item) : Box(Block(item), item.count() == 0));
+    // Simple scalars stand bare; an empty nested item is already its own box.
+    bool bare = (item.isScalar() && !item.isNested()) || (item.isNested() && item.count() == 0);
+    cells.push_back(bare ? Block(item) : Box(Block(item), item.count() == 0));
     for (const auto& l : cells.back()) width[i % cols] = std::max(width[i % cols], Width(l));
   }
   Lines out;
@@ -221,7 +231,8 @@ std::string Value::Describe() const {
     os << " array of shape";
     for (uint64_t axis : shape_) os << ' ' << axis;
   }
-  os << ": " << Format();
+  std::string shown = Format();
+  os << (shown.find('\n') == std::string::npos ? ": " : ":\n") << shown;
   return os.str();
 }
 

@@ -39,6 +39,8 @@ TEST(HostKitValue, ShowsAsASessionWould) {
   EXPECT_EQ(Value::Text("abcd").Reshape({2, 2}).Format(), "ab\ncd");
   EXPECT_EQ(Value::Ints({1, 2}).Reshape({2, 1, 1}).Format(), "1\n\n2");
   EXPECT_EQ(Value::Doubles({1.5, -0.25}).Format(), "1.5 ¯0.25");
+  EXPECT_EQ(Value::Doubles({1e300, -1e-5}).Format(), "1E300 ¯1E¯5");
+  EXPECT_EQ(Value::Nested({Value::Text("ab"), Value::EmptyNested(Value::Int(0))}).Format(), "┌──┐ ┌⊖┐\n│ab│ │0│\n└──┘ └─┘");
   EXPECT_EQ(Value::Complex({1, -2}).Format(), "1J¯2");
   EXPECT_EQ(Value::Nested({Value::Text("ab"), Value::Int(7)}).Format(), "┌──┐ 7\n│ab│\n└──┘");
   EXPECT_EQ(Value::EmptyNested(Value::Ints({})).Format(), "┌⊖┐\n│ │\n└─┘");
