@@ -110,12 +110,16 @@ static SI4 FindVerb(const char* pName, SI4 nargs, const NAFUNCTION** ppFn) {
   return ERR_VALUE;
 }
 
+// Calls the handler with the arguments its signature declares. The syntax
+// test above is weaker than the declared syntax, so a handler can be reached
+// with fewer or more arguments than it takes: an absent argument arrives as
+// null, and a left argument a monadic handler doesn't take is not passed.
+// Verbs that give data back through the left slot (RLEF) and dyadic verbs
+// take the host's left pointer.
 static PAA RunVerb(const NAFUNCTION* fn, PHIERAKI pRoot, SI4 nargs, UI4** ppLeft, PAA pRight) {
-  switch (nargs) {
-    case 0: return ((PFNNILADIC)fn->pointer)(pRoot);
-    case 1: return ((PFNMONADIC)fn->pointer)(pRoot, pRight);
-    default: return ((PFNDYADIC)fn->pointer)(pRoot, ppLeft, pRight);
-  }
+  if (fn->syntax & (RLEF | 002))
+    return ((PFNDYADIC)fn->pointer)(pRoot, nargs == 2 ? ppLeft : nullptr, pRight);
+  return ((PFNMONADIC)fn->pointer)(pRoot, pRight);
 }
 
 SI4 Call(char* rootname, char* pName, UI4** ppRight, UI4** ppLeft) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
+#include <vector>
 #include <sys/time.h>
 
 #include "harness.h"
@@ -175,6 +176,28 @@ TEST(HostDoor, SyntaxTestIsBareBits) {
   EXPECT_EQ(r.result, Value::Ints({20, 1003}));
   r = Lib().CallBlocks(Door::Call, "NOSUCHROOT", kUnbuiltVerb, nullptr, &left);
   EXPECT_EQ(r.result, Value::Ints({20, 1006}));
+}
+
+// Whatever arguments a host passes, or leaves out, every verb answers with a
+// well-formed block and the process lives on. The wait verb is left out: with
+// no argument it may wait, which is its job.
+TEST(HostDoor, EveryVerbSurvivesMissingAndOddArguments) {
+  std::string root = pelkotest::NewRoot("ODDARGS");
+  const char* verbs[] = {"ASendZ", "ARespondZ", "AClose", "ATree", "ASetProp", "AGetProp",
+                         "ASrv", "AClt", "ASetRelay", "ACerts"};
+  ZBlock left = host::Encode(Value::Text("left"));
+  std::vector<Value> odd = {Value::Ints({}), Value::Text(""),
+                            Value::Nested({Value::Int(7), Value::Nested({})})};
+  for (const char* verb : verbs) {
+    SCOPED_TRACE(verb);
+    ExpectAnswerBlock(Lib().CallBlocks(Door::Call, root, verb, nullptr, nullptr));
+    ExpectAnswerBlock(Lib().CallBlocks(Door::Call, root, verb, nullptr, &left));
+    for (const Value& v : odd) {
+      ZBlock right = host::Encode(v);
+      ExpectAnswerBlock(Lib().CallBlocks(Door::Call, root, verb, &right, nullptr));
+      ExpectAnswerBlock(Lib().CallBlocks(Door::Call, root, verb, &right, &left));
+    }
+  }
 }
 
 TEST(HostDoor, ExactlyTheFourteenExports) {
