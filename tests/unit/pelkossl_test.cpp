@@ -132,15 +132,6 @@ TEST_F(Pelkossl, MissingOrForeignCompanionIsNoCompanion) {
   SslUnload();
 }
 
-// The default name is looked for beside whatever holds Init: in this test
-// program, that is not where the companion lies.
-TEST_F(Pelkossl, DefaultNameIsNotSearchedOnThePath) {
-  unsetenv("PELKOSSL_LIBRARY");
-  EXPECT_EQ(LoadPelkossl(), 1);
-  EXPECT_EQ(LoadFrom(PELKOSSL_LIBRARY_DEFAULT), 1);
-  EXPECT_FALSE(PelkosslLoaded());
-}
-
 TEST_F(Pelkossl, CompanionWithoutVersionStaysHalfLoaded) {
   EXPECT_EQ(LoadFrom(PELKO_FAKESSL_PATH), 0);
   EXPECT_TRUE(PelkosslLoaded());

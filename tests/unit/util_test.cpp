@@ -78,6 +78,8 @@ TEST(Mask, XorsCyclicallyAndRestores) {
   EXPECT_STREQ(data, "Hello");
   mask(data, 0, key, 4);
   EXPECT_STREQ(data, "Hello");
+  mask(data, 0, key, 0);
+  EXPECT_DEATH(mask(data, 5, key, 0), "keyLength");
 }
 
 TEST(Sha1, Rfc3174Vectors) {
