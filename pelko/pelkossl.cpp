@@ -34,8 +34,9 @@ static F Entry(TALFPTR p) {
   return reinterpret_cast<F>(p ? reinterpret_cast<ANYFN>(p) : &PelkosslMissing);
 }
 
-// Step 3 of the search: the default name is looked for beside this library
-// only, any other name goes to dlopen as it stands.
+// PELKOSSL_LIBRARY names the companion. The default name is looked for beside
+// this library only; any other name goes to dlopen as it stands, full path or
+// bare name for the system search, with no fallback from one way to the other.
 static PTALLIB OpenCompanion() {
   char name[1024];
   const char* env = getenv("PELKOSSL_LIBRARY");
