@@ -20,7 +20,4 @@ PAA ACerts(PHIERAKI, PAA) { return VARc(ERR_NONCE); }
 
 SI4 SetXLate(char*, char*, char*, char*) { return ERR_NONCE; }
 SI4 GetXLate(char*, char*, char*, char*) { return ERR_NONCE; }
-SI4 cflate(int, paplses*, unsigned char*, unsigned*, unsigned char*, unsigned*, int) {
-  return ERR_NONCE;
-}
 void* Zuno2Init(void*) { return nullptr; }

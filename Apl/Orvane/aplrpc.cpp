@@ -9,7 +9,9 @@
 #include "log.h"
 #include "orvanenaz.h"
 #include "pelkoerr.h"
+#include "pelkossl.h"
 #include "root.h"
+#include "securesocket.h"
 #include "talplat.h"
 #include "verbs.h"
 
@@ -48,6 +50,10 @@ void onUnload() {
   }
   TALSleep(1000.0);
   LOG(1, ("Pelko Unloaded"));
+  if (PelkosslLoaded() && !pRoots) {
+    SslUnload();
+    UnloadPelkos();
+  }
 }
 
 // The loader runs these when the object is mapped and unmapped.
