@@ -18,7 +18,4 @@ PAA ACerts(PHIERAKI, PAA) { return VARc(ERR_NONCE); }
 // Exports whose machinery is not built yet.
 #include "aplrpc.h"
 
-SI4 cflate(int, paplses*, unsigned char*, unsigned*, unsigned char*, unsigned*, int) {
-  return ERR_NONCE;
-}
 void* Zuno2Init(void*) { return nullptr; }

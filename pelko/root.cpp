@@ -7,6 +7,8 @@
 #include <mutex>
 
 #include "pelkoerr.h"
+#include "pelkossl.h"
+#include "securesocket.h"
 
 struct HIERAKI {
   char name[33];
@@ -34,7 +36,10 @@ SI4 CreateRoot(const char* name) {
   return 0;
 }
 
-void RPCLoad() {}
+void RPCLoad() {
+  LoadPelkossl();
+  if (PelkosslLoaded()) SslLoad();
+}
 
 void RPCUnload(PHIERAKI pRoot) {
   std::lock_guard<std::mutex> g(rootsLock);

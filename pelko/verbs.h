@@ -6,7 +6,6 @@
 #include "root.h"
 #include "vapl.h"
 
-typedef PAA (*PFNNILADIC)(PHIERAKI);
 typedef PAA (*PFNMONADIC)(PHIERAKI, PAA);
 typedef PAA (*PFNDYADIC)(PHIERAKI, UI4**, PAA);
 

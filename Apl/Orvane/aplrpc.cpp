@@ -9,7 +9,9 @@
 #include "log.h"
 #include "orvanenaz.h"
 #include "pelkoerr.h"
+#include "pelkossl.h"
 #include "root.h"
+#include "securesocket.h"
 #include "talplat.h"
 #include "vatrans.h"
 #include "verbs.h"
@@ -67,6 +69,10 @@ void onUnload() {
   }
   TALSleep(1000.0);
   LOG(1, ("Pelko Unloaded"));
+  if (PelkosslLoaded() && !pRoots) {
+    SslUnload();
+    UnloadPelkos();
+  }
 }
 
 // The loader runs these when the object is mapped and unmapped.
@@ -134,12 +140,16 @@ static SI4 FindVerb(const char* pName, SI4 nargs, const NAFUNCTION** ppFn) {
   return ERR_VALUE;
 }
 
+// Calls the handler with the arguments its signature declares. The syntax
+// test above is weaker than the declared syntax, so a handler can be reached
+// with fewer or more arguments than it takes: an absent argument arrives as
+// null, and a left argument a monadic handler doesn't take is not passed.
+// Verbs that give data back through the left slot (RLEF) and dyadic verbs
+// take the host's left pointer.
 static PAA RunVerb(const NAFUNCTION* fn, PHIERAKI pRoot, SI4 nargs, UI4** ppLeft, PAA pRight) {
-  switch (nargs) {
-    case 0: return ((PFNNILADIC)fn->pointer)(pRoot);
-    case 1: return ((PFNMONADIC)fn->pointer)(pRoot, pRight);
-    default: return ((PFNDYADIC)fn->pointer)(pRoot, ppLeft, pRight);
-  }
+  if (fn->syntax & (RLEF | 002))
+    return ((PFNDYADIC)fn->pointer)(pRoot, nargs == 2 ? ppLeft : nullptr, pRight);
+  return ((PFNMONADIC)fn->pointer)(pRoot, pRight);
 }
 
 // Brings a verb's result to host types. A result that can't be brought is

@@ -1,0 +1,46 @@
+// pelkohost: a stand-in for the interpreter. It loads the library the way the
+// interpreter does and drives it through its exports.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "host/demo.h"
+#include "host/library.h"
+
+namespace {
+
+int Usage() {
+  fprintf(stderr,
+          "usage: pelkohost version         the library's version\n"
+          "       pelkohost demo [SCENE...] the end-to-end tour, or some of its scenes\n"
+          "       pelkohost scenes          the scenes of the tour\n"
+          "The library is PELKO_LIBRARY, else ../lib/pelko31_64.so beside this program,\n"
+          "else %s\n",
+          PELKO_BUILT_LIBRARY);
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return Usage();
+  std::string command = argv[1];
+  if (command == "scenes") {
+    for (const demo::Scene& s : demo::Scenes()) printf("%-10s %s\n", s.name, s.title);
+    return 0;
+  }
+  if (command != "version" && command != "demo") return Usage();
+  std::string error;
+  std::string path = host::FindLibrary(PELKO_BUILT_LIBRARY);
+  std::unique_ptr<host::Library> lib = host::Library::Open(path, &error);
+  if (!lib) {
+    fprintf(stderr, "pelkohost: cannot load %s: %s\n", path.c_str(), error.c_str());
+    return 1;
+  }
+  if (command == "version") {
+    printf("%s\n", lib->VersionText().c_str());
+    return 0;
+  }
+  return demo::Run(*lib, std::vector<std::string>(argv + 2, argv + argc));
+}

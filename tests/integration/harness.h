@@ -1,0 +1,39 @@
+// Shared by the integration tests: the library under test, opened once for
+// the process through the host toolkit, and fresh root names.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "host/library.h"
+
+namespace pelkotest {
+
+// The library built with these tests. It stays open for the whole process,
+// as it does in the interpreter.
+inline host::Library& Lib() {
+  static std::unique_ptr<host::Library> lib = [] {
+    std::string error;
+    std::unique_ptr<host::Library> l = host::Library::Open(PELKO_LIBRARY_PATH, &error);
+    if (!l) {
+      fprintf(stderr, "cannot load %s: %s\n", PELKO_LIBRARY_PATH, error.c_str());
+      abort();
+    }
+    return l;
+  }();
+  return *lib;
+}
+
+// Starts a root under a name no other test uses, and gives the name back.
+inline std::string NewRoot(const std::string& stem) {
+  static int serial = 0;
+  std::string name = stem + std::to_string(++serial);
+  EXPECT_EQ(Lib().Init(name, PELKO_LIBRARY_PATH), 0) << name;
+  return name;
+}
+
+}  // namespace pelkotest

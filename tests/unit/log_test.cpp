@@ -1,0 +1,143 @@
+// The log: the trace word, the option parser, and what lands in the file.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include "log.h"
+#include "vapl.h"
+
+#define MODULE 0x00000080
+
+namespace {
+
+class LogFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/pelkologXXXXXX";
+    int fd = mkstemp(tmpl);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    path = tmpl;
+    ASSERT_EQ(InitLog(path.c_str()), 0);
+    saved = LOGGet();
+  }
+  void TearDown() override {
+    LOGSet(saved);
+    InitLog(nullptr);
+    unlink(path.c_str());
+  }
+  std::string Read() {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+  }
+  std::string path;
+  UI4 saved = 0;
+};
+
+TEST(LogWord, SetGetAndTest) {
+  UI4 saved = LOGGet();
+  LOGSet(0x85);
+  EXPECT_EQ(uiGlobalLevel, 5u);
+  EXPECT_EQ(ulGlobalTrace, 0x80u);
+  EXPECT_EQ(LOGGet(), 0x85u);
+  EXPECT_EQ(LOGif(0, 0x200, 1), 0);
+  EXPECT_EQ(LOGif(0, 0x80, 6), 0);
+  EXPECT_EQ(LOGif(0, 0x80, 5), 1);
+  EXPECT_EQ(LOGif(0x200, 0x200, 1), 1);  // a forced module passes
+  EXPECT_EQ(LOGif(0x207, 0x200, 7), 1);  // and a forced level too
+  LOGSet(0x0F);
+  EXPECT_EQ(LOGif(0, 0x80, 1), 0);  // no module bit: nothing passes
+  LOGSet(saved);
+}
+
+TEST(LogWord, OptionsAddUp) {
+  EXPECT_EQ(LOGOption("/T3 /M0x80"), 0x83u);
+  EXPECT_EQ(LOGOption("/T2/t3"), 5u);
+  EXPECT_EQ(LOGOption("/m0x20000010"), 0x20000010u);
+  EXPECT_EQ(LOGOption("/T0x13"), 3u);  // only the level's 4 bits
+  EXPECT_EQ(LOGOption("/M021"), 0x10u);  // octal, level bits dropped
+  EXPECT_EQ(LOGOption("T3 M0x80"), 0u);  // no slash, no option
+  EXPECT_EQ(LOGOption("/X5/T1"), 1u);
+}
+
+TEST_F(LogFile, LinesCarryTheTemplateAndObeyTheLevel) {
+  LOGSet(0x80 | 3);
+  LOG(3, ("hello %d", 42));
+  LOG(4, ("too deep"));
+  int evaluated = 0;
+  LOG(9, ("%d", ++evaluated));
+  EXPECT_EQ(evaluated, 0);  // arguments are not evaluated when the test fails
+  std::string text = Read();
+  std::regex line(R"(^\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4} +\d{16,25} +\d+ +0x[0-9a-f]+: hello 42\n$)");
+  EXPECT_TRUE(std::regex_match(text, line)) << text;
+}
+
+TEST_F(LogFile, ErrorChannelIgnoresTheLevel) {
+  LOGSet(0);
+  LOGStr("ERROR 9 returned from function <send>");
+  LOGStrL("count", 7);
+  std::string text = Read();
+  EXPECT_NE(text.find("  ERROR 9 returned from function <send>\n"), std::string::npos);
+  EXPECT_NE(text.find("  count 7\n"), std::string::npos);
+}
+
+TEST_F(LogFile, HexDumpRowsOf32SignedBytes) {
+  char data[33];
+  for (int i = 0; i < 33; i++) data[i] = (char)i;
+  data[1] = (char)0xFF;
+  data[2] = (char)0x80;
+  LOGHex(data, 33);
+  std::string text = Read();
+  size_t nl = text.find('\n');
+  ASSERT_NE(nl, std::string::npos);
+  std::string rows = text.substr(nl + 1);
+  EXPECT_EQ(rows.substr(0, 15), "00 ffff ff80 03");
+  EXPECT_EQ(std::count(rows.begin(), rows.end(), '\n'), 2);
+  EXPECT_EQ(rows.substr(rows.rfind("20 ")), "20 \n");
+}
+
+TEST_F(LogFile, ArrayDump) {
+  PAA v = VANewVector(VAI4, 12);
+  for (int i = 0; i < 12; i++) ((SI4*)VADATA(v))[i] = i * 10;
+  PAA n = VANewVector(VAPntr, 2);
+  PAA t = VANewVector(VAC1, 3);
+  memcpy(VADATA(t), "abc", 3);
+  memcpy(VADATA(n), &v, sizeof v);
+  memcpy((char*)VADATA(n) + 8, &t, sizeof t);
+  LOGPrintAA(n);
+  VAFree(n);
+  std::string text = Read();
+  EXPECT_NE(text.find(" APL Array:\n"), std::string::npos);
+  EXPECT_NE(text.find(">Array       32 Nested array                 1     1"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n |>Item no. 0\n | |>Array"), std::string::npos) << text;
+  EXPECT_NE(text.find("Integer 4 bytes"), std::string::npos);
+  EXPECT_NE(text.find("      10  100 110 "), std::string::npos) << text;
+  EXPECT_NE(text.find("abc"), std::string::npos);
+}
+
+TEST(LogNoFile, NothingIsWrittenOrCreated) {
+  char dir[] = "/tmp/pelkodirXXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  std::string name = std::string(dir) + "/pelko.log";
+  UI4 saved = LOGGet();
+  ASSERT_EQ(InitLog(name.c_str()), 0);
+  LOGSet(0xFFFFFFFF);
+  LOG(1, ("dropped"));
+  LOGStr("dropped");
+  LOGHex("x", 1);
+  EXPECT_NE(access(name.c_str(), F_OK), 0);
+  EXPECT_EQ(InitLog(""), 0);
+  EXPECT_EQ(pLogFile, nullptr);  // back to the default name
+  LOGSet(saved);
+  rmdir(dir);
+}
+
+}  // namespace
