@@ -11,6 +11,7 @@
 #include "arraybuild.h"
 #include "orvanenaz.h"
 #include "pelkoerr.h"
+#include "tempfile.h"
 #include "vatrans.h"
 
 using namespace testarrays;
@@ -81,8 +82,9 @@ TEST(GetVectorTest, InPlace) {
 }
 
 TEST(GetFileHandleTest, Requests) {
-  char path[] = "/tmp/pelkofileXXXXXX";
-  int tmp = mkstemp(path);
+  std::string name = TempFile("pelkofile");
+  const char* path = name.c_str();
+  int tmp = open(path, O_WRONLY);
   ASSERT_GE(tmp, 0);
   ASSERT_EQ(write(tmp, "hello", 5), 5);
   close(tmp);

@@ -9,17 +9,15 @@
 
 #include "arraybuild.h"
 #include "log.h"
+#include "tempfile.h"
 
 using namespace testarrays;
 
 namespace {
 
 TEST(PrintAATest, DumpsThroughAccessors) {
-  char name[] = "/tmp/pelkologXXXXXX";
-  int fd = mkstemp(name);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  ASSERT_EQ(InitLog(name), 0);
+  std::string name = TempFile("pelkolog");
+  ASSERT_EQ(InitLog(name.c_str()), 0);
   UI4 shape[2] = {2, 2};
   PAA het = VANewVector(VAHet, 2);
   SI2 s = -12;
@@ -37,7 +35,7 @@ TEST(PrintAATest, DumpsThroughAccessors) {
   std::stringstream text;
   text << in.rdbuf();
   std::string dump = text.str();
-  unlink(name);
+  unlink(name.c_str());
   EXPECT_NE(dump.find("APL Array:"), std::string::npos);
   EXPECT_NE(dump.find(">Item no. 0"), std::string::npos);
   EXPECT_NE(dump.find("hello"), std::string::npos);

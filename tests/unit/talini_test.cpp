@@ -12,17 +12,14 @@
 #include "aplrpc.h"
 #include "log.h"
 #include "talplat.h"
+#include "tempfile.h"
 
 namespace {
 
 class Ini : public ::testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/tmp/pelkoiniXXXXXX";
-    int fd = mkstemp(name);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    path = name;
+    path = TempFile("pelkoini");
     std::ofstream f(path);
     f << "[Log]\nFile=short\n"
       << "[Logging2]\nFile=wrong\n"
