@@ -39,8 +39,7 @@ static F Entry(TALFPTR p) {
 // bare name for the system search, with no fallback from one way to the other.
 static PTALLIB OpenCompanion() {
   char name[1024];
-  const char* env = getenv("PELKOSSL_LIBRARY");
-  snprintf(name, sizeof(name), "%s", env ? env : PELKOSSL_LIBRARY_DEFAULT);
+  PLATEnvironment((PCH1) "PELKOSSL_LIBRARY", (PCH1)PELKOSSL_LIBRARY_DEFAULT, name, sizeof(name));
   char error[1024];
   SI4 ownDir = strcmp(name, PELKOSSL_LIBRARY_DEFAULT) == 0 ? -1 : 0;
   return new TALLIB(ownDir, name, error);
