@@ -41,7 +41,7 @@ void onLoad() {
 }
 
 void onUnload() {
-  while (pRoots) RPCUnload(pRoots);
+  while (pRoots) RPCUnload(pRoots->pNext);
   if (pSem) {
     delete pSem;
     pSem = nullptr;
