@@ -343,7 +343,7 @@ HIERAKI::~HIERAKI() {
   pRW = nullptr;
   delete pObj;
   pObj = nullptr;
-  memcpy(Magic, "Nakket-- ", 9);
+  MarkDead(Magic, "Nakket-- ");
 }
 
 RING::RING(PHIERAKI h) : pNext(this), ph(h) {}

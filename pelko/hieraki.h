@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 
 #include "talplat.h"
 #include "taltypes.h"
@@ -115,6 +116,14 @@ struct HIERAKI {
 
 // The magic check of every walk step. A mismatch is fatal, never an error.
 #define CHECKMAGIC(t) assert(0==strcmp((t)->Magic,"Talvera0"))
+
+// Overwrites a marker of an object that is being destroyed. The barrier
+// keeps the compiler from dropping the store as dead: the object's life
+// ends right after, but a stale pointer may still read the memory.
+inline void MarkDead(char* magic, const char* text) {
+  memcpy(magic, text, 9);
+  __asm__ volatile("" : : "r"(magic) : "memory");
+}
 
 PHIERAKI cmp(PHIERAKI h, void* name);
 PHIERAKI cmpdot(PHIERAKI h, void* sname);

@@ -35,7 +35,7 @@ RPCOBJS::RPCOBJS(OBJTYPE type)
 // gone. The short sleep lets it leave the semaphore before anyone reuses it.
 RPCOBJS::~RPCOBJS() {
   LOG(1, ("Deleting RpcObject"));
-  memcpy(Magic, "         ", 9);
+  MarkDead(Magic, "         ");
   PTHREADSEM p = pWaiting.exchange(nullptr);
   if (p) {
     p->ReleaseSem();

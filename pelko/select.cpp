@@ -1,5 +1,6 @@
 // The one place the work thread sleeps, and the loopback connection that
 // host threads wake it through.
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <unistd.h>
 
@@ -79,8 +80,14 @@ static SI4 LocalhostAt(SOCKPORT port, TALSOCKADDR* out) {
   return rc;
 }
 
-static SI4 ListenAnywhere(PRPCSOCK listener) {
-  SI4 rc = CreateSocket(&listener->sock, SOCK_STREAM, nullptr);
+// The listener takes loopback only, with a port the system picks: no other
+// machine can reach it in the moment it is open.
+static SI4 ListenLocal(PRPCSOCK listener) {
+  TALSOCKADDR local = {};
+  sockaddr_in* in = (sockaddr_in*)&local;
+  in->sin_family = AF_INET;
+  in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  SI4 rc = CreateSocket(&listener->sock, SOCK_STREAM, &local);
   LOG(1, ("RPCSOCK %p %s %d %d %d ", (void*)listener, "pair", listener->sock, rc, 0));
   if (rc) return rc;
   if (listen(listener->sock, 2) != 0) {
@@ -107,13 +114,23 @@ static SI4 ConnectTo(TALSOCKADDR* to, PRPCSOCK client) {
   return client->SetNonBlock();
 }
 
+// Whether the accepted end is really talking to our own client: another
+// local process could have connected first.
+static bool SamePeer(PRPCSOCK accepted, PRPCSOCK client) {
+  TALSOCKADDR peer = {}, own = {};
+  if (accepted->Addr(false, &peer) != 0 || client->Addr(true, &own) != 0) return false;
+  if (peer.ss_family != own.ss_family) return false;
+  size_t len = peer.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+  return memcmp(&peer, &own, len) == 0;
+}
+
 SI4 RPCSockPair(PRPCSOCK* accepted, PRPCSOCK* connected) {
   *accepted = nullptr;
   *connected = nullptr;
   ProbeIPv6();
   LOG(1, ("RPCSockPair "));
   PRPCSOCK listener = new RPCSOCK(INVALID_SOCKET);
-  SI4 rc = ListenAnywhere(listener);
+  SI4 rc = ListenLocal(listener);
   TALSOCKADDR to;
   if (!rc) {
     SOCKPORT port = listener->Port();
@@ -133,7 +150,7 @@ SI4 RPCSockPair(PRPCSOCK* accepted, PRPCSOCK* connected) {
     LOG(2, ("wait %d ", ready));
     if (ready > 0 && listener->Ready4R(&sets)) listener->Accept(accepted);
     LOG(2, ("Accept %d ", *accepted ? (*accepted)->sock : -1));
-    if (!*accepted) rc = ERR_NEW_DATA_SOCKET;
+    if (!*accepted || !SamePeer(*accepted, *connected)) rc = ERR_NEW_DATA_SOCKET;
   }
   delete listener;
   if (rc) {
