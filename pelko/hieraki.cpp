@@ -101,12 +101,16 @@ HIERAKI::HIERAKI(const char* name, PRPCOBJS obj)
   memcpy(Magic, HIERAKI_MAGIC, 9);
 }
 
-// The lock is made on first use. Creation is unguarded: nodes are created
-// whole by one thread before anyone else can reach them, and the first
-// locking call comes from the thread that links children in.
+// The lock is made on first use, and two threads may get there at once: a
+// host thread adding a child and the work thread deleting one. Only one
+// lock may win, or the two would exclude nobody.
 CMutexRW* HIERAKI::RW() {
-  if (!pRW) pRW = new CMutexRW();
-  return pRW;
+  CMutexRW* p = pRW;
+  if (p) return p;
+  CMutexRW* fresh = new CMutexRW();
+  if (pRW.compare_exchange_strong(p, fresh)) return fresh;
+  delete fresh;
+  return p;
 }
 
 void HIERAKI::LockRead() { RW()->Lock_DataRead(); }
@@ -339,8 +343,7 @@ HIERAKI::~HIERAKI() {
       }
     }
   }
-  delete pRW;
-  pRW = nullptr;
+  delete pRW.exchange(nullptr);
   delete pObj;
   pObj = nullptr;
   MarkDead(Magic, "Nakket-- ");

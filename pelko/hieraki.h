@@ -4,6 +4,7 @@
 // freed or scribbled node stops the process instead of being followed.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 
@@ -99,7 +100,7 @@ struct HIERAKI {
   void LockWrite();
   void ReleaseWrite();
 
-  CMutexRW* pRW;
+  std::atomic<CMutexRW*> pRW;  // made on first use
   PHIERAKI pNext;
   PHIERAKI pSub;
   PHIERAKI pParent;
