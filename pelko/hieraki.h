@@ -70,6 +70,24 @@ class CWriteLock {
   bool m_bIsLocked;
 };
 
+// A pointer that a thread may peek at without the lock that guards it,
+// only to decide whether to take that lock. Reads under the lock are
+// ordered by the lock itself, so relaxed order is enough.
+template <typename T>
+class PeekPtr {
+ public:
+  PeekPtr(T* v = nullptr) : p(v) {}
+  PeekPtr& operator=(T* v) {
+    p.store(v, std::memory_order_relaxed);
+    return *this;
+  }
+  operator T*() const { return p.load(std::memory_order_relaxed); }
+  T* operator->() const { return p.load(std::memory_order_relaxed); }
+
+ private:
+  std::atomic<T*> p;
+};
+
 struct HIERAKI {
   HIERAKI(const char* name, PRPCOBJS obj);
   ~HIERAKI();
@@ -102,7 +120,7 @@ struct HIERAKI {
 
   std::atomic<CMutexRW*> pRW;  // made on first use
   PHIERAKI pNext;
-  PHIERAKI pSub;
+  PeekPtr<HIERAKI> pSub;  // child ring's tail, guarded by pRW
   PHIERAKI pParent;
   char Name[MAXNAMELENGTH];
   char Magic[9];
