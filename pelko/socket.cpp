@@ -77,27 +77,24 @@ SOCKERR RPCSOCK::SetKeepalive(UI4 time, UI4 interval) {
   return 0;
 }
 
-SOCKIPADDR RPCSOCK::IpAddr() {
-  sockaddr_in a = {};
-  socklen_t len = sizeof(a);
-  if (getsockname(sock, (sockaddr*)&a, &len) != 0) {
-    SockErrLog(errno, "getsockname");
-    lError = ERR_SOCK_PORT;
-    return 0;
-  }
-  return ntohl(a.sin_addr.s_addr);
+// The local address; a failure is logged and left in lError.
+static bool SockName(RPCSOCK* s, TALSOCKADDR* a) {
+  socklen_t len = sizeof(*a);
+  if (getsockname(s->sock, (sockaddr*)a, &len) == 0) return true;
+  SockErrLog(errno, "getsockname");
+  s->lError = ERR_SOCK_PORT;
+  return false;
 }
 
+SOCKIPADDR RPCSOCK::IpAddr() {
+  TALSOCKADDR a = {};
+  return SockName(this, &a) ? ntohl(((sockaddr_in*)&a)->sin_addr.s_addr) : 0;
+}
+
+// The port sits at the same place for both families.
 SOCKPORT RPCSOCK::Port() {
   TALSOCKADDR a = {};
-  socklen_t len = sizeof(a);
-  if (getsockname(sock, (sockaddr*)&a, &len) != 0) {
-    SockErrLog(errno, "getsockname");
-    lError = ERR_SOCK_PORT;
-    return 0;
-  }
-  // The port sits at the same place for both families.
-  return ntohs(((sockaddr_in*)&a)->sin_port);
+  return SockName(this, &a) ? ntohs(((sockaddr_in*)&a)->sin_port) : 0;
 }
 
 SOCKET RPCSOCK::RawSocket() { return sock; }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 
 #include "engine_helpers.h"
 #include "pelkoerr.h"
@@ -13,23 +14,22 @@
 
 namespace {
 
-TALSOCKADDR V4(const char* text, UI2 port = 0) {
+TALSOCKADDR Sa(int family, const char* text, UI2 port) {
   TALSOCKADDR a = {};
-  sockaddr_in* s = (sockaddr_in*)&a;
-  s->sin_family = AF_INET;
-  s->sin_port = htons(port);
-  inet_pton(AF_INET, text, &s->sin_addr);
+  a.ss_family = (sa_family_t)family;
+  // Port and address sit where each family keeps them.
+  if (family == AF_INET) {
+    ((sockaddr_in*)&a)->sin_port = htons(port);
+    inet_pton(AF_INET, text, &((sockaddr_in*)&a)->sin_addr);
+  } else {
+    ((sockaddr_in6*)&a)->sin6_port = htons(port);
+    inet_pton(AF_INET6, text, &((sockaddr_in6*)&a)->sin6_addr);
+  }
   return a;
 }
 
-TALSOCKADDR V6(const char* text, UI2 port = 0) {
-  TALSOCKADDR a = {};
-  sockaddr_in6* s = (sockaddr_in6*)&a;
-  s->sin6_family = AF_INET6;
-  s->sin6_port = htons(port);
-  inet_pton(AF_INET6, text, &s->sin6_addr);
-  return a;
-}
+TALSOCKADDR V4(const char* text, UI2 port = 0) { return Sa(AF_INET, text, port); }
+TALSOCKADDR V6(const char* text, UI2 port = 0) { return Sa(AF_INET6, text, port); }
 
 std::string Ntop6(const char* text) {
   TALSOCKADDR a = V6(text);
@@ -226,6 +226,44 @@ TEST(Socket, LookupsAndCreationErrors) {
   TALSOCKADDR got;
   EXPECT_EQ(GetIPAddr((PCH1) "127.0.0.1", (PCH1) "7", SOCK_STREAM, PIPv4, false, &got), 0);
   EXPECT_EQ(got.ss_family, AF_INET);
+}
+
+// curl, as a real IPv4 peer, reaches a listener on "*" with no protocol
+// given; with IPv6 present that is one dual-stack socket, and the peer
+// shows as a mapped address.
+TEST(Socket, DualStackListenerTakesCurl) {
+  ProbeIPv6();
+  PRPCSOCK srv = new RPCSOCK((PCH10) "*", (PCH10) "0", true, PAny, SOCK_STREAM);
+  ASSERT_EQ(srv->lError, 0);
+  std::string cmd = "curl -s -o /dev/null --max-time 5 http://127.0.0.1:" +
+                    std::to_string(srv->Port()) + "/probe";
+  std::thread peer([cmd] { EXPECT_NE(system(cmd.c_str()), -1); });
+  SOCKETSETS sets;
+  SI4 ready = 0;
+  Clear(&sets);
+  srv->Wait4R(&sets);
+  ASSERT_EQ(SfWait(&sets, 5, &ready), 0);
+  PRPCSOCK acc = nullptr;
+  ASSERT_EQ(srv->Accept(&acc), 0);
+  BUFFER req(256);
+  for (int i = 0; i < 50 && req.FindAsc((PCH10) "\r\n\r\n", true, false) < 0; i++) {
+    Clear(&sets);
+    acc->Wait4R(&sets);
+    SfWait(&sets, 1, &ready);
+    ASSERT_EQ(acc->Read(&req), 0);
+  }
+  EXPECT_EQ(std::string(req.pBuf, 15), "GET /probe HTTP");
+  PAA peerInfo = nullptr;
+  ASSERT_EQ(acc->Info(false, &peerInfo), 0);
+  std::string text = TextOf(Elem(peerInfo, 1));
+  if (IPV6Available)
+    EXPECT_EQ(text.rfind("[::ffff:127.0.0.1]:", 0), 0u) << text;
+  else
+    EXPECT_EQ(text.rfind("127.0.0.1:", 0), 0u) << text;
+  VAFree(peerInfo);
+  delete acc;  // curl sees the close and ends
+  peer.join();
+  delete srv;
 }
 
 TEST(Select, BufferedCountAndSockPair) {
