@@ -182,7 +182,9 @@ SI4 RPCOBJS::Ready4Apl(PHIERAKI pItem) {
 SI4 RPCOBJS::AplWaitInit(PHIERAKI pRootNode) {
   if (pWaiting) return ERR_SOMEBODY_WAITING;
   PROOT pRoot = (PROOT)pRootNode->pObj;
-  if (pRoot->pTalThread && pRoot->pTalThread->lError) return pRoot->pTalThread->lError;
+  // The thread's code is final only once Ended says so.
+  PTALTHREAD t = pRoot->pTalThread;
+  if (t && t->Ended && t->lError) return t->lError;
   pRoot->pThreadSem->wait();
   PTHREADSEM p = pRoot->pThreadList ? pRoot->pThreadList->FindFree() : nullptr;
   if (!p) {
