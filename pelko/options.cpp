@@ -17,9 +17,6 @@ PCH1 PelkoOptionNames[COMAX] = {
     (PCH1) "PublicCertFile", (PCH1) "PublicCertPass", (PCH1) "PrivateKeyData",
     (PCH1) "Priority",       (PCH1) "Magic",          (PCH1) "AllowEndpoints",
     (PCH1) "DenyEndpoints"};
-PCH1 modename[8] = {(PCH1) "command", (PCH1) "raw",  (PCH1) "text", (PCH1) "blkraw",
-                    (PCH1) "blktext", (PCH1) "http", (PCH1) "udp",  (PCH1) "websocket"};
-PCH1 protocolname[3] = {(PCH1) "ipv4", (PCH1) "ipv6", (PCH1) "ip"};
 PCH1 CertOptionNames[7] = {(PCH1) "Type",    (PCH1) "Source",    (PCH1) "Issuer",
                            (PCH1) "Subject", (PCH1) "Details",   (PCH1) "DecodeApi",
                            (PCH1) "Password"};

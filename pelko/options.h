@@ -3,6 +3,7 @@
 #pragma once
 
 #include "taltypes.h"
+#include "stoplist.h"
 #include "vapl.h"
 
 enum PelkoOptions {
@@ -29,26 +30,12 @@ enum PelkoOptions {
 };
 
 extern PCH1 PelkoOptionNames[COMAX];
-extern PCH1 modename[8];
-extern PCH1 protocolname[3];
 extern PCH1 CertOptionNames[7];
 extern PCH1 CertTypeOptionNames[5];
 extern PCH1 CertInfoOptionNames[5];
 extern PCH1 certname[6];
 extern PCH1 apiname[1];
 
-// A stop list: items are separate allocations, the pointers share the
-// header's block.
-typedef struct ITEM {
-  SI4 len;
-  char pc[1];
-} ITEM;
-
-typedef struct LIST {
-  SI4 Translate;
-  SI4 Count;
-  ITEM* items[1];
-} LIST;
 
 SI4 Lookup(PCH1 name, SI4 n, PCH1* names);
 // The option's array, with a reference the caller gives back with VAFree.

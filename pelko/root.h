@@ -1,17 +1,81 @@
-// Roots: one engine instance per name. The host names a root in every call.
+// A root is one engine instance: a top-level tree node, its work thread,
+// its wake-up socket pair and its defaults. The host names a root in every
+// call; all roots stand in one sibling ring, pRoots.
 #pragma once
 
-#include "taltypes.h"
+#include <ctime>
+#include <sys/types.h>
 
-struct HIERAKI;
-typedef HIERAKI* PHIERAKI;
+#include "rpcobjs.h"
+#include "socket.h"
+
+typedef PHIERAKI (*PFNREADY)(PHIERAKI, PHIERAKI*);
+
+class ROOT : public RPCOBJS {
+ public:
+  ROOT();
+  ~ROOT() override;
+
+  SI4 RootInit(PHIERAKI pItem);
+  SI4 Dirty();
+  void Endwork();
+  void CloseComWork();
+  void WaitComClose();
+  SOCKET GetSocket(SI4 which);
+
+  SI4 Check(PFDSETS fds) override;
+  SI4 Setinfo(PFDSETS fds) override;
+  SI4 Execute(PFDSETS fds) override;
+  SI4 SetRPCProp(PHIERAKI pItem, PCH1 name, PAA value) override;
+  SI4 GetRPCProp(PCH1 name, PAA arg, PPAA ppOut) override;
+
+  PVOID pSockData;
+  PRPCSOCK pClt;   // host threads write wake-ups here
+  PRPCSOCK pWork;  // the work thread reads them here
+  PBUFFER pBuf;
+  PROTOCOL DefProt;
+  SI4 EventMode;
+  std::atomic<UI4> NameCnt;
+  std::atomic<pid_t> pid;
+  SI4 UseFnsReady;
+  void* pfnsReady[5];
+  PTALTHREAD pTalThread;
+  time_t LastChecked;
+  PCH1 pCertRootDir;
+  PVOID pRootCerts;
+  PTALSEMA pThreadSem;
+  PTHREADSEM pThreadList;
+  PVOID pClientSessionDB;
+
+ private:
+  SI4 SendWord(UI4 word);
+};
+typedef ROOT* PROOT;
 
 extern PHIERAKI pRoots;
 
 // The root node of that name, or null.
 PHIERAKI Root(const char* name);
+// The top of the tree a node stands in; null stays null.
+PHIERAKI Root(PHIERAKI h);
+// The ROOT object of the tree a node stands in.
+PROOT RootObj(PHIERAKI h);
 SI4 CreateRoot(const char* name);
-void RPCLoad();
-void RPCUnload(PHIERAKI pRoot);
+SI4 RPCLoad();
+SI4 RPCUnload(PHIERAKI pRoot);
 // Wakes the root's work thread.
 SI4 Dirty(PHIERAKI pRoot);
+
+// The ready search strategies, in the order of "ReadyStrategy".
+PHIERAKI FindReady(PHIERAKI h, PHIERAKI* out);
+PHIERAKI FindReadyRR(PHIERAKI h, PHIERAKI* out);
+PHIERAKI FindReadyTO(PHIERAKI h, PHIERAKI* out);
+PHIERAKI FindReadyTS(PHIERAKI h, PHIERAKI* out);
+PHIERAKI FindReadyTnc(PHIERAKI h, PHIERAKI* out);
+
+// From the companion, the certificate store and the protocols that are
+// built elsewhere; the root's properties reach them.
+SI4 CacheNewRoot(PVOID pRootCerts, PCH1 dir);
+SI4 GetSecurity(PCH1 buf, SI4 size);
+SI4 HttpDate(PCH1 buf, SI4 size);
+SI4 DecodeCert(PAA arg, PPAA out);

@@ -62,7 +62,7 @@ void onLoad() {
 }
 
 void onUnload() {
-  while (pRoots) RPCUnload(pRoots);
+  while (pRoots) RPCUnload(pRoots->pNext);
   if (pSem) {
     delete pSem;
     pSem = nullptr;

@@ -52,7 +52,7 @@ class TALSEMA {
   SEMRETURN wait();
   SEMRETURN release(UI4 n);
 
-  UI4 count;  // informational only; no decision reads it
+  std::atomic<UI4> count;  // informational only; no decision reads it
   sem_t sem;
   SI4 lError;
 };

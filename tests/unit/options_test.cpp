@@ -6,6 +6,7 @@
 
 #include "arraybuild.h"
 #include "options.h"
+#include "rpcobjs.h"
 #include "pelkoerr.h"
 
 using namespace testarrays;

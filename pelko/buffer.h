@@ -1,0 +1,69 @@
+// Every byte sent or received passes through a BUFFER: a fixed block with
+// one cursor. A send reads from the cursor and moves it on; a receive writes
+// at the cursor and moves it on. BUFFERFILE streams a file through a 16 KB
+// window of the same kind.
+#pragma once
+
+#include "stoplist.h"
+#include "taltypes.h"
+
+#define BUFFERBLKSIZE 0x4000
+#define STARTSIZE 4096
+
+class BUFFER {
+ public:
+  explicit BUFFER(UI4 size);
+  BUFFER(UI4 size, PCH1 data);
+  virtual ~BUFFER();
+
+  PCH1 Next() { return pBuf + Offset; }
+  PCH1 Start() { return pBuf; }
+  UI4 NextSize() const;
+  UI4 SizeProcessed() const { return Offset; }
+  UI4 TotalSize() const { return Size; }
+  UI4 Remaining() const { return Size - Offset; }
+  virtual BOOL NextProcessed(UI4 n);
+  BOOL Complete() const { return Offset == Size; }
+  void Rewind() { Offset = 0; }
+  void AllInOne() { Blksize = Size; }
+
+  BOOL Append(PCH1 p, UI4 n);
+  BOOL AppendP(PCH1 p, UI4 n);
+  UI4 Resize(UI4 n);
+  void Drop(UI4 n);
+  BUFFER* Take(UI4 n);
+  void Mask(PUI1 key, UI4 keylen);
+
+  SI4 FindAsc(PCH10 text, bool after, bool ignoreCase);
+  SI4 FindBin1(PCH1 data, SI4 len, bool after);
+  SI4 FindStop(PLIST list, bool ignoreCase, PITEM* found);
+  SI4 FindStop1(PLIST list, bool ignoreCase, PITEM* found);
+
+  UI4 Size;
+  UI4 Offset;
+  UI4 Blksize;
+  PCH1 pBuf;
+
+ protected:
+  UI4 Alloc;  // bytes really held in pBuf; Size may stand below it
+};
+typedef BUFFER* PBUFFER;
+
+class BUFFERFILE : public BUFFER {
+ public:
+  explicit BUFFERFILE(int file);
+  BUFFERFILE(UI4 len, PCH1 head, int file);
+  BUFFERFILE(UI4 len1, PCH1 head1, UI4 len2, PCH1 head2, int file);
+  ~BUFFERFILE() override;
+  BOOL NextProcessed(UI4 n) override;
+  UI4 Filesize() const { return (UI4)fsize; }
+
+  int file;
+  TALoff_t foff;
+  TALoff_t fsize;
+  UI4 Off2;
+
+ private:
+  void Open(UI4 len1, PCH1 head1, UI4 len2, PCH1 head2);
+};
+typedef BUFFERFILE* PBUFFERFILE;

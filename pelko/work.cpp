@@ -1,0 +1,130 @@
+// The work thread. Host threads never touch a socket of the tree: they set
+// a state and write a wake-up word; this thread does the rest. It runs on a
+// 64 KB stack, so the walks keep their frames small.
+#include "work.h"
+
+#include <unistd.h>
+
+#include <cstring>
+
+#include "log.h"
+#include "pelkoerr.h"
+#include "root.h"
+
+#define MODULE 0x00000020
+
+PHIERAKI FindState(PHIERAKI h, void*) {
+  return h && h->pObj && h->pObj->State == SMarkedForDeletion ? h : nullptr;
+}
+
+// Deletes marked children of h while the round still owes deletions. The
+// search and the delete share one write lock, so no host thread can pop
+// or add a child in between.
+static void DeleteMarked(PHIERAKI h, PFDSETS fds) {
+  while (fds->cntFinished) {
+    h->LockWrite();
+    PHIERAKI d = h->pSub ? h->pSub->Loop(FindState, nullptr) : nullptr;
+    if (d) {
+      delete d;
+      fds->cntFinished--;
+    }
+    h->ReleaseWrite();
+    if (!d) break;
+  }
+}
+
+// The check pass for one node: a connection sets up its selection before
+// its children are looked at, parents are checked after their children,
+// and finished children go on the way back up.
+static void CheckNode(PHIERAKI h, PFDSETS fds) {
+  PRPCOBJS obj = h->pObj;
+  if (obj->Type > TUdpPeer) return;
+  if (obj->Type == TClient || obj->Type == TConnection || obj->Type == TUdp) {
+    fds->pItem = h;
+    obj->Setinfo(fds);
+  }
+  h->LoopSub(CheckSub, fds);
+  fds->pItem = h;
+  obj->Check(fds);
+  DeleteMarked(h, fds);
+}
+
+PHIERAKI CheckSub(PHIERAKI h, void* arg) {
+  PFDSETS fds = (PFDSETS)arg;
+  if (!h->pObj) return nullptr;
+  if (h->pObj->State == SFinished) {
+    // Counted once here; the parent deletes it once its own check is done.
+    fds->cntFinished++;
+    h->pObj->State = SMarkedForDeletion;
+    return nullptr;
+  }
+  CheckNode(h, fds);
+  return nullptr;
+}
+
+PHIERAKI ExecSub(PHIERAKI h, void* arg) {
+  PFDSETS fds = (PFDSETS)arg;
+  PRPCOBJS obj = h->pObj;
+  if (!obj || obj->Type > TUdp) return nullptr;
+  switch (obj->Type) {
+    case TRoot:
+    case TServer:
+    case TUdp:
+      fds->pItem = h;
+      obj->Setinfo(fds);
+      h->LoopSub(ExecSub, fds);
+      fds->pItem = h;
+      obj->Execute(fds);
+      break;
+    case TClient:
+    case TConnection:
+      // A connection deals with its commands and messages itself.
+      fds->pItem = h;
+      obj->Execute(fds);
+      break;
+    default:
+      break;
+  }
+  return nullptr;
+}
+
+// Clears the round's state: the sets, and every other field.
+static void NewRound(PFDSETS fds) {
+  memset(fds, 0, sizeof(*fds));
+  Clear(&fds->ss);
+}
+
+SI4 WorkThread(PHIERAKI root) {
+  PROOT pRoot = (PROOT)root->pObj;
+  pRoot->pid = getpid();
+  FDSETS fds;
+  for (;;) {
+    LOG(5, ("Work thread activated"));
+    NewRound(&fds);
+    if (pRoot->State == SFinished) fds.cntFinished = 1;
+    CheckNode(root, &fds);
+    SI4 count = 0;
+    fds.lError = SfWait(&fds.ss, WORK_SELECT_SECONDS, &count);
+    LOG(2, ("After wait lError: %d cnt: %d", fds.lError, count));
+    if (pRoot->pid != getpid()) {
+      // Carried across a fork: this thread belongs to another process.
+      fds.lError = ERR_FORK;
+    } else {
+      if (!fds.lError && count > 0 && pRoot->Type < TUdpPeer) ExecSub(root, &fds);
+      if (!fds.endWorkThread) {
+        if (!fds.lError) continue;
+        break;  // select itself failed: no closing pass
+      }
+    }
+    // The closing pass: every connection, server and the root see the flag
+    // and close their sockets.
+    fds.closeAllSockets = true;
+    ExecSub(root, &fds);
+    if (!fds.endWorkThread && !fds.lError) continue;
+    break;
+  }
+  LOG(1, ("Worker thread have ended! ErrorCode =%d ", fds.lError));
+  pRoot->lErrorObj = ERR_WORKTHREADENDED;
+  pRoot->CloseComWork();
+  return fds.lError ? fds.lError : ERR_WORKSYNC_RECV;
+}

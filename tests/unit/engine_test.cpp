@@ -1,0 +1,333 @@
+// Roots and their work threads: start, wake-up, properties, the tree verb,
+// closing, and many host threads working on one tree at once.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "aplrpc.h"
+#include "orvanenaz.h"
+#include "engine_helpers.h"
+#include "pelkoerr.h"
+#include "root.h"
+#include "verbs.h"
+#include "work.h"
+
+namespace {
+
+int CountEntries(const char* dir) {
+  int n = 0;
+  DIR* d = opendir(dir);
+  while (readdir(d)) n++;
+  closedir(d);
+  return n;
+}
+
+// Polls until cond holds or about two seconds have passed.
+template <typename F>
+bool Eventually(F cond) {
+  for (int i = 0; i < 400; i++) {
+    if (cond()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return cond();
+}
+
+PHIERAKI StartRoot(const char* name) {
+  EXPECT_EQ(Init((char*)name, (char*)"/opt/lib/pelko31_64.so"), 0);
+  PHIERAKI r = Root(name);
+  EXPECT_NE(r, nullptr);
+  return r;
+}
+
+// Runs a monadic verb and frees its argument.
+PAA RunVerb(PAA (*verb)(PHIERAKI, PAA), PHIERAKI root, PAA arg) {
+  PAA r = verb(root, arg);
+  VAFree(arg);
+  return r;
+}
+
+SI4 Code(PAA r) {
+  SI4 c = VAType(r) == VAPntr ? IntOf(Elem(r, 0)) : IntOf(r);
+  return c;
+}
+
+PAA GetProp(PHIERAKI root, const char* prop) {
+  return RunVerb(AGetProp, root, NestedOf({NewText(""), NewText(prop)}));
+}
+
+SI4 SetProp(PHIERAKI root, const char* prop, PAA value) {
+  PAA r = RunVerb(ASetProp, root, NestedOf({NewText(""), NewText(prop), value}));
+  SI4 c = Code(r);
+  VAFree(r);
+  return c;
+}
+
+TEST(Root, StartsWithLiveThreadAndWakes) {
+  PHIERAKI root = StartRoot("alive");
+  PROOT p = RootObj(root);
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(p->Type, TRoot);
+  EXPECT_EQ(p->State, SRootInit);
+  EXPECT_EQ(p->UseFnsReady, 2);
+  EXPECT_EQ(p->pid, getpid());
+  EXPECT_EQ(p->pTalThread->Ended, 0u);
+  EXPECT_EQ(Init((char*)"alive", (char*)"/x/"), ERR_ALLREADY_INITIALIZED);
+  EXPECT_EQ(KickStart((char*)"alive"), 0);
+  EXPECT_EQ(KickStart((char*)"nosuchroot"), ERR_ROOT_NOT_FOUND);
+  for (int i = 0; i < 100; i++) ASSERT_EQ(p->Dirty(), 0);
+  EXPECT_EQ(p->pTalThread->Ended, 0u);  // zero words only wake it
+
+  // Closing with "." ends the thread and frees the name again.
+  PAA r = RunVerb(AClose, root, NewText("."));
+  EXPECT_EQ(Code(r), 0);
+  VAFree(r);
+  EXPECT_EQ(Root("alive"), nullptr);
+  root = StartRoot("alive");
+  r = RunVerb(AClose, root, NewText("."));
+  EXPECT_EQ(Code(r), 0);
+  VAFree(r);
+}
+
+TEST(Root, Properties) {
+  PHIERAKI root = StartRoot("props");
+  EXPECT_EQ(SetProp(root, "ReadyStrategy", NewInt(7)), 0);
+  PAA r = GetProp(root, "readystrategy");  // names without case
+  ASSERT_EQ(Code(r), 0);
+  EXPECT_EQ(IntOf(Elem(r, 1)), 0);
+  VAFree(r);
+  EXPECT_EQ(SetProp(root, "ReadyStrategy", NewInt(3)), 0);
+  r = GetProp(root, "ReadyStrategy");
+  EXPECT_EQ(IntOf(Elem(r, 1)), 3);
+  VAFree(r);
+
+  EXPECT_EQ(SetProp(root, "EventMode", NewInt(5)), 0);
+  r = GetProp(root, "EventMode");
+  EXPECT_EQ(IntOf(Elem(r, 1)), 1);
+  VAFree(r);
+  EXPECT_EQ(SetProp(root, "EventMode", NewInt(-2)), 0);
+  r = GetProp(root, "EventMode");
+  EXPECT_EQ(IntOf(Elem(r, 1)), 0);
+  VAFree(r);
+
+  r = GetProp(root, "Protocol");
+  EXPECT_EQ(TextOf(Elem(r, 1)), "ip");
+  VAFree(r);
+  EXPECT_EQ(SetProp(root, "Protocol", NewText("IPV6")), 0);
+  r = GetProp(root, "Protocol");
+  EXPECT_EQ(TextOf(Elem(r, 1)), "ipv6");
+  VAFree(r);
+  EXPECT_EQ(SetProp(root, "Protocol", NewText("ipx")), ERR_OPTION);
+
+  r = GetProp(root, "RootCertDir");
+  EXPECT_EQ(Code(r), ERR_OPTION);
+  VAFree(r);
+  EXPECT_EQ(SetProp(root, "RootCertDir", NewText("/etc/ssl/certs")), 0);
+  r = GetProp(root, "RootCertDir");
+  EXPECT_EQ(TextOf(Elem(r, 1)), "/etc/ssl/certs");
+  VAFree(r);
+
+  r = GetProp(root, "PropList");
+  ASSERT_EQ(Code(r), 0);
+  PAA list = Elem(r, 1);
+  const char* expected[] = {"DecodeCert",    "HttpDate",    "PropList",  "Protocol",
+                            "ReadyStrategy", "RootCertDir", "TCPLookup", "EventMode"};
+  ASSERT_EQ(VAElems(list), 8u);
+  for (UI4 i = 0; i < 8; i++) EXPECT_EQ(TextOf(Elem(list, i)), expected[i]);
+  VAFree(r);
+
+  r = RunVerb(AGetProp, root,
+          NestedOf({NewText(""), NewText("TCPLookup"), NewText("localhost"), NewText("80")}));
+  ASSERT_EQ(Code(r), 0);
+  PAA addrs = Elem(r, 1);
+  ASSERT_GE(VAElems(addrs), 1u);
+  for (UI4 i = 0; i < VAElems(addrs); i++) {
+    std::string fam = TextOf(Elem(Elem(addrs, i), 0));
+    std::string text = TextOf(Elem(Elem(addrs, i), 1));
+    EXPECT_TRUE((fam == "IPv4" && text == "127.0.0.1:80") || (fam == "IPv6" && text == "[::1]:80"))
+        << fam << " " << text;
+    EXPECT_EQ(IntOf(Elem(Elem(addrs, i), 3)), 80);
+  }
+  VAFree(r);
+
+  r = GetProp(root, "IPV4Addrs");
+  EXPECT_EQ(Code(r), 0);
+  VAFree(r);
+  r = GetProp(root, "NoSuchProperty");
+  EXPECT_EQ(Code(r), ERR_OPTION);
+  VAFree(r);
+  EXPECT_EQ(SetProp(root, "NoSuchProperty", NewInt(1)), ERR_OPTION);
+  r = RunVerb(AGetProp, root, NestedOf({NewText("nothere"), NewText("PropList")}));
+  EXPECT_EQ(Code(r), ERR_OBJECT_NOT_FOUND);
+  VAFree(r);
+
+  r = RunVerb(AClose, root, NewText("."));
+  VAFree(r);
+}
+
+TEST(Root, TreeAndClose) {
+  std::atomic<int> deleted{0};
+  PHIERAKI root = StartRoot("tree");
+  root->AddNew("S", new CountedObj(TServer, &deleted));
+  root->AddNew("S.C", new CountedObj(TConnection, &deleted));
+
+  PAA r = RunVerb(ATree, root, NewText(""));
+  ASSERT_EQ(Code(r), 0);
+  PAA desc = Elem(Elem(r, 1), 0);
+  ASSERT_EQ(VAElems(desc), 5u);
+  EXPECT_EQ(TextOf(Elem(desc, 0)), "tree");
+  EXPECT_EQ(IntOf(Elem(desc, 1)), (SI4)TRoot);
+  EXPECT_EQ(IntOf(Elem(desc, 2)), (SI4)SRootInit);
+  EXPECT_EQ(TextOf(Elem(desc, 3)).rfind("Pelko version 3.1.1479.0", 0), 0u);
+  EXPECT_NE(TextOf(Elem(desc, 3)).find(" built "), std::string::npos);
+  PAA kids = Elem(Elem(r, 1), 1);
+  ASSERT_EQ(VAElems(kids), 1u);
+  PAA srv = Elem(kids, 0);
+  EXPECT_EQ(TextOf(Elem(Elem(srv, 0), 0)), "S");
+  EXPECT_EQ(VAElems(Elem(srv, 0)), 3u);
+  PAA con = Elem(Elem(srv, 1), 0);
+  EXPECT_EQ(TextOf(Elem(Elem(con, 0), 0)), "C");
+  EXPECT_EQ(VAType(Elem(con, 1)), VAI4);  // no children: an empty vector
+  EXPECT_EQ(VAElems(Elem(con, 1)), 0u);
+  VAFree(r);
+
+  r = RunVerb(ATree, root, NewText("S.nothere"));
+  EXPECT_EQ(Code(r), ERR_OBJECT_NOT_FOUND);
+  VAFree(r);
+  r = RunVerb(ATree, root, NewText("S.C"));
+  EXPECT_EQ(TextOf(Elem(Elem(Elem(r, 1), 0), 0)), "C");
+  VAFree(r);
+
+  for (const char* bad : {"", ".x", "nothere"}) {
+    r = RunVerb(AClose, root, NewText(bad));
+    EXPECT_EQ(Code(r), ERR_OBJECT_NOT_FOUND) << bad;
+    VAFree(r);
+  }
+  // An object moving data can't be closed; once idle it can, and the work
+  // thread removes it with its sub-tree.
+  PHIERAKI s = root->FindLeaf("S");
+  s->pObj->State = SSending;
+  r = RunVerb(AClose, root, NewText("S"));
+  EXPECT_EQ(Code(r), ERR_OBJECT_ACTIVITY);
+  EXPECT_EQ(s->pObj->State, SSending);
+  VAFree(r);
+  s->pObj->State = SListen;
+  r = RunVerb(AClose, root, NewText("S"));
+  EXPECT_EQ(Code(r), 0);
+  VAFree(r);
+  EXPECT_TRUE(Eventually([&] { return deleted == 2; }));
+  EXPECT_EQ(root->FirstChild(), nullptr);
+
+  r = RunVerb(AClose, root, NewText("."));
+  VAFree(r);
+}
+
+// The same verbs reached as the host reaches them: a packed argument
+// through the exported dispatcher, a packed result back.
+TEST(Root, CallReachesTreeVerbs) {
+  StartRoot("called");
+  UI4* block = PackZ(NewText(""));  // PackZ takes the array over
+  UI4* in = block;
+  ASSERT_EQ(Call((char*)"called", (char*)"ATree", &block, nullptr), 0);
+  ASSERT_NE(block, in);
+  free(in);
+  PAA r = UnpackZ(block);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(IntOf(Elem(r, 0)), 0);
+  VAFree(r);
+  FreeUsedOrvaneResult(block);
+
+  block = PackZ(NewText("."));
+  in = block;
+  ASSERT_EQ(Call((char*)"called", (char*)"AClose", &block, nullptr), 0);
+  free(in);
+  r = UnpackZ(block);
+  EXPECT_EQ(IntOf(r), 0);
+  VAFree(r);
+  FreeUsedOrvaneResult(block);
+  EXPECT_EQ(Root("called"), nullptr);
+}
+
+TEST(Root, DirtyAfterThreadEnded) {
+  PHIERAKI root = StartRoot("ended");
+  PROOT p = RootObj(root);
+  p->Endwork();
+  ASSERT_TRUE(Eventually([&] { return p->pTalThread->Ended != 0; }));
+  EXPECT_EQ(p->lErrorObj, ERR_WORKTHREADENDED);
+  EXPECT_EQ(p->Dirty(), ERR_WORKTHREADENDED);
+  EXPECT_EQ(KickStart((char*)"ended"), ERR_WORKTHREADENDED);
+  EXPECT_EQ(p->pWork, nullptr);
+  auto t0 = std::chrono::steady_clock::now();
+  PAA r = RunVerb(AClose, root, NewText("."));
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
+  EXPECT_EQ(Code(r), 0);
+  VAFree(r);
+}
+
+TEST(Root, HundredRootsLeakNothing) {
+  // One root first, so that everything made once per process exists.
+  PHIERAKI warm = StartRoot("warm");
+  VAFree(RunVerb(AClose, warm, NewText(".")));
+  ASSERT_TRUE(Eventually([] { return CountEntries("/proc/self/task") > 0; }));
+  int tasks = CountEntries("/proc/self/task");
+  int fds = CountEntries("/proc/self/fd");
+  for (int i = 0; i < 100; i++) {
+    std::string name = "loop" + std::to_string(i % 3);
+    PHIERAKI root = StartRoot(name.c_str());
+    ASSERT_NE(root, nullptr);
+    auto t0 = std::chrono::steady_clock::now();
+    PAA r = RunVerb(AClose, root, NewText("."));
+    ASSERT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
+    ASSERT_EQ(Code(r), 0);
+    VAFree(r);
+  }
+  EXPECT_EQ(CountEntries("/proc/self/fd"), fds);
+  EXPECT_TRUE(Eventually([&] { return CountEntries("/proc/self/task") <= tasks; }))
+      << CountEntries("/proc/self/task") << " tasks, " << tasks << " before";
+}
+
+// Host threads add, find and close their own objects while the work thread
+// walks the tree and deletes what was closed. Every object must be deleted
+// exactly once, and none may be lost.
+TEST(Root, StressHostThreadsAgainstWorkThread) {
+  PHIERAKI root = StartRoot("stress");
+  std::atomic<int> deleted{0}, created{0}, failures{0};
+  const int threads = 4, rounds = 300;
+  std::vector<std::thread> pool;
+  for (int t = 0; t < threads; t++) {
+    pool.emplace_back([&, t] {
+      for (int i = 0; i < rounds; i++) {
+        std::string name = "T" + std::to_string(t) + "_" + std::to_string(i);
+        PHIERAKI h = root->AddNew(name.c_str(), new CountedObj(TConnection, &deleted));
+        if (!h) {
+          failures++;
+          continue;
+        }
+        created++;
+        std::string child = name + ".m";
+        if (root->AddNew(child.c_str(), new CountedObj(TMessage, &deleted))) created++;
+        if (root->FindLeaf(child.c_str()) == nullptr) failures++;
+        if (root->FindLeaf(name.c_str()) != h) failures++;
+        // Closing through the verb, as a host would.
+        VAFree(RunVerb(AClose, root, NewText(name.c_str())));
+        if (i % 7 == 0) Dirty(root);
+      }
+    });
+  }
+  for (auto& th : pool) th.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(created, threads * rounds * 2);
+  EXPECT_TRUE(Eventually([&] {
+    Dirty(root);
+    return deleted == created;
+  })) << deleted << " of " << created;
+  EXPECT_EQ(root->FirstChild(), nullptr);
+  VAFree(RunVerb(AClose, root, NewText(".")));
+}
+
+}  // namespace

@@ -1,0 +1,171 @@
+// The object base: parking a host thread and waking it, the base events,
+// building send buffers, and the ageing of parking semaphores.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "aplrpc.h"
+#include "engine_helpers.h"
+#include "orvanenaz.h"
+#include "pelkoerr.h"
+#include "root.h"
+
+namespace {
+
+TEST(RpcObjs, ParkAndWake) {
+  ASSERT_EQ(Init((char*)"park", (char*)"/"), 0);
+  PHIERAKI root = Root("park");
+  PHIERAKI srv = root->AddNew("S", new CountedObj(TServer));
+  PHIERAKI con = root->AddNew("S.C", new CountedObj(TConnection));
+  PRPCOBJS s = srv->pObj;
+
+  ASSERT_EQ(s->AplWaitInit(root), 0);
+  EXPECT_EQ(s->AplWaitInit(root), ERR_SOMEBODY_WAITING);
+  EXPECT_EQ(s->AplWait(10), WAIT_TIMEOUT_RC);  // not ERR_TIMEOUT
+
+  // A child made ready wakes the thread parked on its server.
+  std::thread waker([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    con->pObj->Ready4Apl(con);
+  });
+  EXPECT_EQ(s->AplWait(5000), 0);
+  waker.join();
+  EXPECT_GT(con->pObj->timeReady, con->pObj->timeCreate);
+  PTHREADSEM sem = s->pWaiting;
+  EXPECT_EQ(s->AplWaitClear(), 0);
+  EXPECT_EQ(s->pWaiting, nullptr);
+  EXPECT_EQ(sem->ThreadId, 0u);  // back in the list, free
+
+  // The free semaphore is taken again; the list doesn't grow.
+  ASSERT_EQ(con->pObj->AplWaitInit(root), 0);
+  EXPECT_EQ(con->pObj->pWaiting.load(), sem);
+  // Deleting the object wakes whoever is parked on it.
+  std::thread parked([&] { EXPECT_EQ(sem->WaitSem(5000), SemReleased); });
+  while (sem->Waiting == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  srv->LockWrite();
+  delete con;
+  srv->ReleaseWrite();
+  parked.join();
+  EXPECT_EQ(sem->ThreadId, 0u);
+  EXPECT_EQ(RootObj(root)->pThreadList->Count(), 1);
+
+  // With no one parked, nothing is woken and the count is 0.
+  PHIERAKI c2 = root->AddNew("S.D", new CountedObj(TConnection));
+  EXPECT_EQ(c2->pObj->Ready4Apl(c2), 0);
+  EXPECT_EQ(RPCUnload(root), 0);
+}
+
+TEST(RpcObjs, WaitReturnsOfTheBase) {
+  ASSERT_EQ(Init((char*)"events", (char*)"/"), 0);
+  PHIERAKI root = Root("events");
+  PHIERAKI h = root->AddNew("A", new CountedObj(TConnection));
+  root->AddNew("A.B", new CountedObj(TCommand));
+  PHIERAKI b = root->FindLeaf("A.B");
+  PRPCOBJS o = b->pObj;
+  char name[200], event[32];
+  OBJSTATE next = SDoNotChange;
+  PUI4 z = nullptr;
+
+  o->LastState = SError;
+  o->lErrorObj = ERR_CLOSED;
+  ASSERT_EQ(o->GetWaitReturns(b, name, event, &next, &z), 0);
+  EXPECT_STREQ(name, "A.B");
+  EXPECT_STREQ(event, "Error");
+  EXPECT_EQ(next, SFinished);
+  PAA v = UnpackZ(z);
+  EXPECT_EQ(IntOf(v), ERR_CLOSED);
+  VAFree(v);
+  free(z);
+  RootObj(root)->EventMode = 1;  // a lost connection now reads "Closed"
+  ASSERT_EQ(o->GetWaitReturns(b, name, event, &next, &z), 0);
+  EXPECT_STREQ(event, "Closed");
+  free(z);
+
+  o->LastState = SSent;
+  ASSERT_EQ(o->GetWaitReturns(b, name, event, &next, &z), 0);
+  EXPECT_STREQ(event, "Sent");
+  EXPECT_EQ(next, SProcessing);  // command mode keeps it
+  free(z);
+  o->Mode = MRaw;
+  o->GetWaitReturns(b, name, event, &next, &z);
+  EXPECT_EQ(next, SFinished);
+  free(z);
+
+  h->pObj->LastState = SIncoming;
+  h->pObj->Mode = MWebSocket;
+  ASSERT_EQ(h->pObj->GetWaitReturns(h, name, event, &next, &z), 0);
+  EXPECT_STREQ(event, "WSUpgrade");
+  EXPECT_EQ(next, SConnected);
+  free(z);
+
+  o->LastState = SAPL;
+  EXPECT_EQ(o->GetWaitReturns(b, name, event, &next, &z), ERR_INVALID_OBJECT);
+  EXPECT_EQ(z, nullptr);
+
+  PAA list = nullptr;
+  ASSERT_EQ(o->GetRPCProp((PCH1) "proplist", nullptr, &list), 0);
+  EXPECT_EQ(TextOf(Elem(list, 0)), "PropList");
+  VAFree(list);
+  EXPECT_EQ(o->GetRPCProp((PCH1) "Other", nullptr, &list), ERR_OPTION);
+  EXPECT_EQ(list, nullptr);
+  EXPECT_EQ(o->SendZ(b, (PCH10) "", nullptr, 0, 0), ERR_INVALID_OBJECT);
+  EXPECT_EQ(RPCUnload(root), 0);
+}
+
+TEST(RpcObjs, ComposeBuffer) {
+  CountedObj o(TConnection);
+  PBUFFER b = nullptr;
+  PUI4 z = PackZ(NewText("payload"));
+  ASSERT_EQ(o.ComposeBuffer(z, 0, &b), 0);
+  free(z);
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(std::string(b->pBuf, b->Size), "payload");
+  delete b;
+
+  char path[] = "/tmp/pelkocompXXXXXX";
+  int fd = mkstemp(path);
+  ASSERT_EQ(write(fd, "FILE", 4), 4);
+  close(fd);
+  z = PackZ(NestedOf({NewText("HEAD"), NewText(path)}));
+  ASSERT_EQ(o.ComposeBuffer(z, 0, &b), 0);
+  free(z);
+  EXPECT_EQ(std::string(b->pBuf, b->Size), "HEADFILE");
+  delete b;
+  z = PackZ(NestedOf({NewText("HEAD"), NewText("/no/such/file")}));
+  EXPECT_EQ(o.ComposeBuffer(z, 0, &b), ERR_FILE);
+  free(z);
+  z = PackZ(NestedOf({NewText("a"), NewText("b"), NewText("c")}));
+  EXPECT_EQ(o.ComposeBuffer(z, 0, &b), ERR_LENGTH);
+  free(z);
+  UI4 shape[2] = {2, 2};
+  z = PackZ(VANew(VAC1, 2, shape));
+  EXPECT_EQ(o.ComposeBuffer(z, 0, &b), ERR_RANK);
+  free(z);
+  unlink(path);
+}
+
+TEST(ThreadSem, AgeingKeepsTheHead) {
+  PTHREADSEM head = new THREADSEM(nullptr, 0);
+  head = new THREADSEM(head, 0);
+  head = new THREADSEM(head, 0);
+  EXPECT_EQ(head->Count(), 3);
+  PTHREADSEM taken = head->FindFree();
+  EXPECT_EQ(taken, head);
+  EXPECT_NE(taken->ThreadId, 0u);
+  // The others are old and free, the head is in use: both others go.
+  head->pNext->LastUsed -= 301;
+  head->pNext->pNext->LastUsed -= 301;
+  head->LastUsed -= 301;
+  EXPECT_EQ(head->RemoveOld(), head);
+  EXPECT_EQ(head->Count(), 1);
+  head->Return();
+  EXPECT_EQ(head->FindFree(), head);
+  head->Remove();
+  delete head;
+}
+
+}  // namespace
