@@ -138,6 +138,10 @@ static SI4 Respond(PHIERAKI root, PCH1 name, PUI4 z, UI4 size, UI4 flag) {
   if (!root) return ERR_ROOT_NOT_FOUND;
   PHIERAKI h = root->FindLeaf(name);
   if (!h || !h->pObj || h == root) return ERR_OBJECT_NOT_FOUND;
+  // A finished object is on its way out of the tree: the work thread may
+  // delete it at any moment.
+  OBJSTATE s = h->pObj->State;
+  if (s == SFinished || s == SMarkedForDeletion) return ERR_OBJECT_NOT_FOUND;
   if (h->pObj->Mode != MCommand) {
     char full[RESPOND_NAMELEN + AUTONAME_ROOM];
     snprintf(full, RESPOND_NAMELEN + 1, "%s", name);

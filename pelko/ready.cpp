@@ -44,6 +44,21 @@ static void ClaimClosed(PHIERAKI h) {
   LOG(2, ("%p %s %d %d %d", (void*)h, h->Name, (int)o->Type, (int)o->Mode, (int)SSocketClosed));
 }
 
+// A command still in a transfer on a connection that has closed: the work
+// thread's next round turns it into an error, which comes first.
+static PHIERAKI InTransfer(PHIERAKI h, void*) {
+  PRPCOBJS o = h->pObj;
+  if (!o || o->Type != TCommand) return nullptr;
+  OBJSTATE s = o->State;
+  bool busy = s == SReadyToSend || s == SSending || s == SProcessing || s == SReadyToRecv ||
+              s == SReceiving;
+  return busy ? h : nullptr;
+}
+
+// A closed connection is ready once the peer closed it and nothing below
+// it waits to become an error.
+static bool ClosedReady(PHIERAKI h) { return ClosedIsReady(h->pObj) && !h->LoopSub(InTransfer, nullptr); }
+
 static PHIERAKI Walk(PHIERAKI h, PHIERAKI* out, bool rr);
 static PHIERAKI WalkH(PHIERAKI h, void* out) { return Walk(h, (PHIERAKI*)out, false); }
 static PHIERAKI WalkRRH(PHIERAKI h, void* out) { return Walk(h, (PHIERAKI*)out, true); }
@@ -68,8 +83,9 @@ static PHIERAKI Walk(PHIERAKI h, PHIERAKI* out, bool rr) {
     return *out = h;
   }
   if (s == SFinished) return *out;
-  if (ClosedIsReady(o)) {
+  if (s == SSocketClosed && ClosedIsReady(o)) {
     if (h->LoopSub(next, out)) return *out;
+    if (!ClosedReady(h)) return *out;
     ClaimClosed(h);
     return *out = h;
   }
@@ -117,12 +133,13 @@ static PHIERAKI Oldest(PHIERAKI h, void* arg) {
     // With a budget, children of one parent aren't compared past the first.
     return f->budget ? f->pReady : nullptr;
   }
-  if (ClosedIsReady(o)) {
+  if (s == SSocketClosed && ClosedIsReady(o)) {
     OLDEST local = {nullptr, 0, f->depth - 1, f->limited, f->budget};
     if (f->budget && local.depth < 1) return nullptr;
     h->LoopSub(Oldest, &local);
     if (local.pReady && f->budget && local.pReady->pObj) local.pReady->pObj->NextState = SFinished;
-    Offer(f, local.pReady ? local.pReady : h);
+    if (local.pReady) Offer(f, local.pReady);
+    else if (ClosedReady(h)) Offer(f, h);
     return nullptr;
   }
   if (s == SFinished || s == SMarkedForDeletion) return nullptr;
@@ -146,7 +163,7 @@ static PHIERAKI ClaimOldest(PHIERAKI h, PHIERAKI* out, bool limited, SI4 depth) 
       Claim(*out);
       return *out;
     }
-    if (s == SSocketClosed) {
+    if (s == SSocketClosed && ClosedReady(*out)) {
       ClaimClosed(*out);
       return *out;
     }
