@@ -78,6 +78,15 @@ TEST(Command, ArraysOfEveryTypeTravelWithProgressAndAnswers) {
   EXPECT_EQ(Wait(p.clt, "", 0).rc, 100);
 }
 
+// The side that closed hears no event for the connection itself; its
+// commands still in flight may end with ERR_CLOSED.
+void ExpectNoCloseEvent(const std::string& root, const std::string& conn) {
+  for (Event e = Wait(root, "", 100); e.rc == 0; e = Wait(root, "", 100)) {
+    EXPECT_NE(e.name, conn);
+    EXPECT_EQ(e.data, Value::Int(1119)) << e.name;
+  }
+}
+
 TEST(Command, SendFlagsAndGeneratedNames) {
   Pair p("FLAG");
   // An empty sub-name is generated, and comes back to the host.
@@ -136,7 +145,7 @@ TEST(Command, SendFlagsAndGeneratedNames) {
     EXPECT_EQ(c.name, p.conn + name);
     EXPECT_EQ(c.data, Value::Int(1119));
   }
-  EXPECT_EQ(Wait(p.clt, "", 50).rc, 100);
+  ExpectNoCloseEvent(p.clt, "C");
   // Closed, or already gone once the drain has seen the server's close.
   int32_t after = Code(Send(p.clt, "C.after", Value::Int(0)));
   EXPECT_TRUE(after == 1119 || after == 1007) << after;
@@ -158,8 +167,7 @@ TEST(Command, ClientClosesInTheMiddleOfATransfer) {
   EXPECT_EQ(e.event, "Closed");
   EXPECT_EQ(e.name, p.conn);
   EXPECT_EQ(Wait(p.srv, "", 50).event, "Timeout");
-  // The side that closed hears nothing.
-  EXPECT_EQ(Wait(p.clt, "", 50).rc, 100);
+  ExpectNoCloseEvent(p.clt, "C");
 }
 
 TEST(Command, ServerClosesWhileTheClientWaitsForAnAnswer) {
@@ -168,7 +176,9 @@ TEST(Command, ServerClosesWhileTheClientWaitsForAnAnswer) {
   Event e = Wait(p.srv, "", 2000);
   EXPECT_EQ(e.event, "Receive");
   EXPECT_EQ(Close(p.srv, p.conn), 0);
-  EXPECT_EQ(Respond(p.srv, e.name, Value::Int(0), 1), 1119);
+  // Closed, or gone with the connection once the drain saw the peer go.
+  int32_t late = Respond(p.srv, e.name, Value::Int(0), 1);
+  EXPECT_TRUE(late == 1119 || late == 1010) << late;
   e = Wait(p.clt, "", 2000);
   EXPECT_EQ(e.event, "Error");
   EXPECT_EQ(e.name, "C.q");
@@ -177,7 +187,7 @@ TEST(Command, ServerClosesWhileTheClientWaitsForAnAnswer) {
   EXPECT_EQ(e.event, "Error");
   EXPECT_EQ(e.name, "C");
   EXPECT_EQ(e.data, Value::Int(1119));
-  EXPECT_EQ(Wait(p.srv, "", 50).rc, 100);
+  ExpectNoCloseEvent(p.srv, p.conn);
   EXPECT_EQ(Close(p.clt, "C"), 1010);  // gone with its close event
 }
 
