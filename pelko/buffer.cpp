@@ -6,6 +6,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <strings.h>
@@ -31,6 +32,28 @@ BUFFER* BUFFER::TryNew(UI4 size) {
   b->pBuf = p;
   b->Size = b->Alloc = size;
   return b;
+}
+
+BLOCKBUFFER* BLOCKBUFFER::TryNew(UI4 size) {
+  PCH1 p = (PCH1)malloc(size ? size : 1);
+  if (!p) return nullptr;
+  BLOCKBUFFER* b = new BLOCKBUFFER();
+  delete[] b->pBuf;
+  b->pBuf = p;
+  b->Size = b->Alloc = size;
+  return b;
+}
+
+BLOCKBUFFER::~BLOCKBUFFER() {
+  free(pBuf);
+  pBuf = nullptr;
+}
+
+PCH1 BLOCKBUFFER::Release() {
+  PCH1 p = pBuf;
+  pBuf = nullptr;
+  Size = Offset = Alloc = 0;
+  return p;
 }
 
 BUFFER::~BUFFER() {

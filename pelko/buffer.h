@@ -70,6 +70,21 @@ class BUFFERFILE : public BUFFER {
 };
 typedef BUFFERFILE* PBUFFERFILE;
 
+// A buffer on a block from malloc that can be handed over whole: what is
+// received into it becomes the host's block with no copy.
+class BLOCKBUFFER : public BUFFER {
+ public:
+  // Null when the block can't be had.
+  static BLOCKBUFFER* TryNew(UI4 size);
+  ~BLOCKBUFFER() override;
+  // The block, now the caller's (to free); the buffer is left empty.
+  PCH1 Release();
+
+ private:
+  BLOCKBUFFER() : BUFFER(0) {}
+};
+typedef BLOCKBUFFER* PBLOCKBUFFER;
+
 // Command mode's message header: a big-endian length (header included) and
 // type, the magic, three blank-padded names, three filler bytes; the payload
 // follows at IPMSG_HEADER.

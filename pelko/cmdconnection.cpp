@@ -97,9 +97,9 @@ SI4 CMDCONNECTION::HeaderComplete(PFDSETS, PHIERAKI pItem) {
   if (length < IPMSG_HEADER) return ERR_SIZE;
   if (type != IPMCommand && type != IPMCommandNoAnswer && type != IPMAnswer && type != IPMMessage)
     return 0;
-  PBUFFER b = BUFFER::TryNew(length);
+  // The payload alone: once read, its block goes to the host as it is.
+  PBUFFER b = BLOCKBUFFER::TryNew(length - IPMSG_HEADER);
   if (!b) return ERR_MEMORY_ALLOC;
-  b->Append(pHeader->Start(), IPMSG_HEADER);
   if (type == IPMAnswer) {
     PCOMMAND c = Awaiting(pItem, name);
     if (!c) {
@@ -141,7 +141,7 @@ SI4 CMDCONNECTION::HeaderComplete(PFDSETS, PHIERAKI pItem) {
 SI4 CMDCONNECTION::ReadComplete(PFDSETS fds, PHIERAKI pItem) {
   PBUFFER b = pItem->pObj->GetBuffer();
   if (b) {
-    PAA p = UnpackZ((PUI4)(b->Start() + IPMSG_HEADER), b->Size - IPMSG_HEADER);
+    PAA p = UnpackZ((PUI4)b->Start(), b->Size);
     if (!p) return ERR_ARCHITECTURE;
     VAFree(p);
   }

@@ -93,10 +93,12 @@ SI4 COMMAND::Execute(PFDSETS) {
 }
 
 PUI4 PayloadZ(PBUFFER pBuf) {
+  PBLOCKBUFFER b = dynamic_cast<PBLOCKBUFFER>(pBuf);
+  if (b && b->Size) return (PUI4)b->Release();
   pBuf->Rewind();
-  UI4 n = pBuf->Remaining() > IPMSG_HEADER ? pBuf->Remaining() - IPMSG_HEADER : 0;
+  UI4 n = pBuf->Remaining();
   PUI4 z = (PUI4)malloc(n ? n : 1);
-  if (z && n) memcpy(z, pBuf->Next() + IPMSG_HEADER, n);
+  if (z && n) memcpy(z, pBuf->Next(), n);
   return z;
 }
 

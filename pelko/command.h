@@ -17,7 +17,7 @@ class COMMAND : public RPCOBJS {
   SI4 Setinfo(PFDSETS fds) override;
   SI4 Execute(PFDSETS fds) override;
 
-  PBUFFER pRecv;  // request or answer received, header included
+  PBUFFER pRecv;  // payload of the request or answer received
   PBUFFER pSend;  // what goes out, header included
   UI4 ProgressCnt;
 };
@@ -52,6 +52,6 @@ class PROGRESS : public MESSAGE {
 // host without Unicode), VAI2 widens each byte. Other types give null.
 PAA Data2pAA(char* data, UI4 length, VATYPES type);
 
-// The payload of a command-mode buffer (behind its header) as a fresh
-// block from malloc, which passes to the host.
+// A received payload as a block from malloc, which passes to the host:
+// the buffer's own block when it can be handed over, else a copy.
 PUI4 PayloadZ(PBUFFER pBuf);
