@@ -140,11 +140,7 @@ SI4 CMDCONNECTION::HeaderComplete(PFDSETS, PHIERAKI pItem) {
 // read: the connection ends instead.
 SI4 CMDCONNECTION::ReadComplete(PFDSETS fds, PHIERAKI pItem) {
   PBUFFER b = pItem->pObj->GetBuffer();
-  if (b) {
-    PAA p = UnpackZ((PUI4)b->Start(), b->Size);
-    if (!p) return ERR_ARCHITECTURE;
-    VAFree(p);
-  }
+  if (b && !CheckZ((PUI4)b->Start(), b->Size)) return ERR_ARCHITECTURE;
   return CONNECTION::ReadComplete(fds, pItem);
 }
 

@@ -190,10 +190,13 @@ SI4 CONNECTION::Check(PFDSETS fds) {
   }
 }
 
+// A close from a host thread may have come between the round's look at
+// the state and the failure it caused: that close stands, silently.
 void CONNECTION::Fail(PHIERAKI self, SI4 rc) {
+  if (State != SConnected) return;
   lErrorObj = rc;
-  State = SError;
-  Ready4Apl(self);
+  OBJSTATE expected = SConnected;
+  if (State.compare_exchange_strong(expected, SError)) Ready4Apl(self);
 }
 
 // One recv for the current child, or for the mode's header when no child

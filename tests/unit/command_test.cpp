@@ -132,4 +132,26 @@ TEST(CommandObjects, WhatAWaitHandsOver) {
   VAFree(empty);
 }
 
+TEST(CommandObjects, CheckZAgreesWithUnpackZ) {
+  // A nested array, an empty nested one (its prototype record), a text.
+  PAA inner = VANewVector(VAPntr, 0);
+  VASetpAA(inner, 0, VANewVector(VAI4, 0));
+  PAA outer = VANewVector(VAPntr, 2);
+  VASetpAA(outer, 0, inner);
+  PAA text = VANewVector(VAC1, 3);
+  VASetCH1(text, 0, (PCH1) "abc", 3, VABIN);
+  VASetpAA(outer, 1, text);
+  PUI4 z = PackZ(outer);
+  UI4 size = GetBE32(z);
+  for (UI4 cut = 0; cut <= size; cut++) {
+    PAA p = UnpackZ(z, cut);
+    EXPECT_EQ(CheckZ(z, cut), p != nullptr) << cut;
+    VAFree(p);
+  }
+  EXPECT_TRUE(CheckZ(z, size));
+  ((PUI1)z)[8 + 9] = 11;  // an element type no host has
+  EXPECT_FALSE(CheckZ(z, size));
+  free(z);
+}
+
 }  // namespace
