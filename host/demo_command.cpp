@@ -11,11 +11,20 @@ using host::Value;
 
 Value Opt(const char* name, Value v) { return Value::Nested({Value::Text(name), std::move(v)}); }
 
+// An argument on one line: texts quoted, items in parentheses.
+std::string OneLine(const Value& v) {
+  if (v.isText()) return "'" + v.text() + "'";
+  if (!v.isNested()) return v.Format().substr(0, v.Format().find('\n'));
+  std::string s = "(";
+  for (const Value& item : v.items()) s += (s.size() > 1 ? " " : "") + OneLine(item);
+  return s + ")";
+}
+
 // A dyadic call, shown as the session writes it: left value, verb, right.
 host::CallResult ShowDyadic(demo::Stage& s, const std::string& root, const std::string& verb, const Value& left,
                             const Value& right) {
-  printf("\n      %s Call '%s' '%s' %s\n", left.Format().c_str(), root.c_str(), verb.c_str(),
-         right.Format().c_str());
+  printf("\n      %s Call '%s' '%s' %s\n", OneLine(left).c_str(), root.c_str(), verb.c_str(),
+         OneLine(right).c_str());
   host::CallResult r = s.lib.Call(root, verb, left, right);
   s.ShowResult(r);
   return r;

@@ -85,12 +85,14 @@ SI4 COMMAND::Check(PFDSETS fds) {
 
 SI4 COMMAND::Setinfo(PFDSETS) { return 0; }
 
-SI4 COMMAND::Execute(PFDSETS) {
-  OBJSTATE s = State;
-  if (s == SReadyToSend || s == SSending || s == SReceiving || Quiet(s)) return 0;
+// The work thread doesn't call Execute on data objects: a guard only.
+static SI4 Guard(OBJSTATE State) {
+  if (State == SReadyToSend || State == SSending || State == SReceiving || Quiet(State)) return 0;
   assert(State<-1);
   return 0;
 }
+
+SI4 COMMAND::Execute(PFDSETS) { return Guard(State); }
 
 PUI4 PayloadZ(PBUFFER pBuf) {
   PBLOCKBUFFER b = dynamic_cast<PBLOCKBUFFER>(pBuf);
@@ -135,12 +137,7 @@ SI4 MESSAGE::Check(PFDSETS fds) { return Select(fds, State, pBuf, pBuf); }
 
 SI4 MESSAGE::Setinfo(PFDSETS) { return 0; }
 
-SI4 MESSAGE::Execute(PFDSETS) {
-  OBJSTATE s = State;
-  if (s == SReadyToSend || s == SSending || s == SReceiving || Quiet(s)) return 0;
-  assert(State<-1);
-  return 0;
-}
+SI4 MESSAGE::Execute(PFDSETS) { return Guard(State); }
 
 PAA Data2pAA(char* data, UI4 length, VATYPES type) {
   if (type != VAI2 && type != VAC1) return nullptr;
