@@ -18,7 +18,7 @@
 
 CONNECTION::CONNECTION()
     : RPCOBJS(TClient), pHeader(nullptr), pRead(nullptr), pWrite(nullptr), phRead(nullptr),
-      phWrite(nullptr), ActiveClose(0), pCon(nullptr), pCert(nullptr), NameCnt(0),
+      phWrite(nullptr), ActiveClose(0), fShutdown(false), pCon(nullptr), pCert(nullptr), NameCnt(0),
       pOOSfn(nullptr), pCred(nullptr), pContext(nullptr) {}
 
 CONNECTION::CONNECTION(PRPCSOCK s) : CONNECTION() {
@@ -102,7 +102,7 @@ SI4 CONNECTION::Close(PHIERAKI pItem) {
   if (s == SReceiving || s == SSending) return ERR_OBJECT_ACTIVITY;
   if (s == SFinished || s == SMarkedForDeletion) return 0;
   if (s != SSocketClosed) {
-    if (pCon) pCon->Shutdown();
+    fShutdown = true;
     ActiveClose = Micros();
     lErrorObj = ERR_ACTIVECLOSE;
     State = SSocketClosed;
@@ -176,6 +176,7 @@ SI4 CONNECTION::Check(PFDSETS fds) {
       pCon->Wait4R(&fds->ss);
       return 0;
     case SSocketClosed:
+      if (fShutdown.exchange(false) && pCon) pCon->Shutdown();
       if (ActiveClose > 0) {
         if (Micros() - ActiveClose < CLOSE_DRAIN_MICROS && pCon && pCon->isValid())
           pCon->Wait4R(&fds->ss);

@@ -48,7 +48,10 @@ class CONNECTION : public RPCOBJS {
   PBUFFER pWrite;
   PHIERAKI phRead;
   PHIERAKI phWrite;
-  F8 ActiveClose;
+  std::atomic<F8> ActiveClose;
+  // A close from a host thread leaves the socket's shutdown to the work
+  // thread, which alone touches the socket.
+  std::atomic<bool> fShutdown;
   PRPCSOCK pCon;
   PCERTDATA pCert;
   std::atomic<UI4> NameCnt;

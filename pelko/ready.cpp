@@ -200,9 +200,17 @@ static PFNREADY Strategy(PROOT pRoot) {
 static void Release(PROOT pRoot, PHIERAKI claimed, OBJSTATE next) {
   if (!claimed || !claimed->pObj) return;
   PRPCOBJS o = claimed->pObj;
-  o->State = next;
+  // Everything is read first: once the object is finished, the work thread
+  // may delete it at any moment.
   OBJSTATE p = o->NextPState;
-  if (p != SDoNotChange && claimed->Parent() && claimed->Parent()->pObj) claimed->Parent()->pObj->State = p;
+  PHIERAKI parent = claimed->Parent();
+  PRPCOBJS po = parent ? parent->pObj : nullptr;
+  // The work thread may have moved the object on while it was claimed (an
+  // answer arriving for a command just reported "Sent", a connection
+  // closing under a request): that state stands.
+  OBJSTATE expected = SProcessing;
+  o->State.compare_exchange_strong(expected, next);
+  if (p != SDoNotChange && po) po->State = p;
   pRoot->Dirty();
 }
 
