@@ -209,11 +209,9 @@ static void Release(PROOT pRoot, PHIERAKI claimed, OBJSTATE next) {
   // answer arriving for a command just reported "Sent", a connection
   // closing under a request): that state stands.
   OBJSTATE expected = SProcessing;
-  bool moved = o->State.compare_exchange_strong(expected, next);
+  o->State.compare_exchange_strong(expected, next);
   if (p != SDoNotChange && po) po->State = p;
-  // An object that stays in SProcessing gives the work thread nothing to
-  // do, so it isn't woken for it.
-  if (!moved || next != SProcessing || p != SDoNotChange) pRoot->Dirty();
+  pRoot->Dirty();
 }
 
 SI4 WaitZ1(PHIERAKI pRoot, PCH1 Name, SI4 timeout, PCH1 ObjName, PCH1 Event, PUI4* ppPayload,
