@@ -6,10 +6,13 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <strings.h>
 
 #include "log.h"
+#include "orvanenaz.h"
 
 #define MODULE 0x00000080
 
@@ -19,6 +22,38 @@ BUFFER::BUFFER(UI4 size)
 
 BUFFER::BUFFER(UI4 size, PCH1 data) : BUFFER(size) {
   if (size) memcpy(pBuf, data, size);
+}
+
+BUFFER* BUFFER::TryNew(UI4 size) {
+  PCH1 p = new (std::nothrow) CH1[size ? size : 1];
+  if (!p) return nullptr;
+  BUFFER* b = new BUFFER(0);
+  delete[] b->pBuf;
+  b->pBuf = p;
+  b->Size = b->Alloc = size;
+  return b;
+}
+
+BLOCKBUFFER* BLOCKBUFFER::TryNew(UI4 size) {
+  PCH1 p = (PCH1)malloc(size ? size : 1);
+  if (!p) return nullptr;
+  BLOCKBUFFER* b = new BLOCKBUFFER();
+  delete[] b->pBuf;
+  b->pBuf = p;
+  b->Size = b->Alloc = size;
+  return b;
+}
+
+BLOCKBUFFER::~BLOCKBUFFER() {
+  free(pBuf);
+  pBuf = nullptr;
+}
+
+PCH1 BLOCKBUFFER::Release() {
+  PCH1 p = pBuf;
+  pBuf = nullptr;
+  Size = Offset = Alloc = 0;
+  return p;
 }
 
 BUFFER::~BUFFER() {
@@ -206,4 +241,27 @@ BOOL BUFFERFILE::NextProcessed(UI4 n) {
     foff += r;
   }
   return Offset == Size;
+}
+
+// Blank-padded, cut at the field's width, never terminated.
+static void PutName(PCH1 field, PCH1 text) {
+  memset(field, ' ', IPMSG_NAMELEN);
+  if (text) memcpy(field, text, strnlen(text, IPMSG_NAMELEN));
+}
+
+PBUFFER IPmsg(MSGTYPE type, PCH1 name, PCH1 subname, PCH1 security, PCH1 data, UI4 length) {
+  if (length > 0xFFFFFFFFu - IPMSG_HEADER) return nullptr;
+  UI4 total = length + IPMSG_HEADER;
+  PBUFFER b = BUFFER::TryNew(total);
+  if (!b) return nullptr;
+  PIPMSG h = (PIPMSG)b->Start();
+  PutBE32(h->Length, total);
+  PutBE32(h->MessageType, type);
+  memcpy(h->Magic, MAGIC, 8);
+  PutName(h->Security, security);
+  PutName(h->Name, name);
+  PutName(h->Subname, subname);
+  memset(h->Filler, 0, sizeof(h->Filler));
+  if (length) memcpy(h->Data, data, length);
+  return b;
 }

@@ -15,6 +15,8 @@ class BUFFER {
   explicit BUFFER(UI4 size);
   BUFFER(UI4 size, PCH1 data);
   virtual ~BUFFER();
+  // Null when the block can't be had: for sizes a peer names.
+  static BUFFER* TryNew(UI4 size);
 
   PCH1 Next() { return pBuf + Offset; }
   PCH1 Start() { return pBuf; }
@@ -67,3 +69,50 @@ class BUFFERFILE : public BUFFER {
   void Open(UI4 len1, PCH1 head1, UI4 len2, PCH1 head2);
 };
 typedef BUFFERFILE* PBUFFERFILE;
+
+// A buffer on a block from malloc that can be handed over whole: what is
+// received into it becomes the host's block with no copy.
+class BLOCKBUFFER : public BUFFER {
+ public:
+  // Null when the block can't be had.
+  static BLOCKBUFFER* TryNew(UI4 size);
+  ~BLOCKBUFFER() override;
+  // The block, now the caller's (to free); the buffer is left empty.
+  PCH1 Release();
+
+ private:
+  BLOCKBUFFER() : BUFFER(0) {}
+};
+typedef BLOCKBUFFER* PBLOCKBUFFER;
+
+// Command mode's message header: a big-endian length (header included) and
+// type, the magic, three blank-padded names, three filler bytes; the payload
+// follows at IPMSG_HEADER.
+#define MAGIC "Pelko000"
+#define IPMSG_HEADER 115
+#define IPMSG_NAMELEN 32
+
+enum MSGTYPE : UI4 {
+  IPMConnect = 0,
+  IPMCommand = 1,
+  IPMMessage = 2,
+  IPMAnswer = 3,
+  IPMCommandNoAnswer = 4
+};
+
+typedef struct IPMSG {
+  UI1 Length[4];
+  UI1 MessageType[4];
+  CH1 Magic[8];
+  CH1 Security[IPMSG_NAMELEN];
+  CH1 Name[IPMSG_NAMELEN];
+  CH1 Subname[IPMSG_NAMELEN];
+  CH1 Filler[3];
+  CH1 Data[1];
+} IPMSG;
+typedef IPMSG* PIPMSG;
+static_assert(sizeof(IPMSG) - 1 == IPMSG_HEADER, "the header is 115 bytes on the wire");
+
+// A rewound buffer holding a header of that type and the length bytes of
+// data behind it; null when the total doesn't fit or can't be allocated.
+PBUFFER IPmsg(MSGTYPE type, PCH1 name, PCH1 subname, PCH1 security, PCH1 data, UI4 length);

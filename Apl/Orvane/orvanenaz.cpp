@@ -144,7 +144,12 @@ static UI8 DataBytes(UI4 type, UI8 count) {
   return (bits + 7) / 8;
 }
 
-static PAA UnpackAt(PCH1 pData, PUI4 pSize, UI4 limit, UI4 depth) {
+// What a walk that only checks gives for a record that would unpack.
+static VARRAY checkedRecord;
+
+// With build false nothing is allocated or copied: the walk proves that the
+// records would unpack, and gives &checkedRecord for each.
+static PAA UnpackAt(PCH1 pData, PUI4 pSize, UI4 limit, UI4 depth, bool build) {
   assert(pData!=__null);
   if (depth > ORVANE_MAX_DEPTH) return nullptr;
   UI4 at = *pSize;
@@ -172,15 +177,15 @@ static PAA UnpackAt(PCH1 pData, PUI4 pSize, UI4 limit, UI4 depth) {
     // Every element record takes at least a header: refuse a count that the
     // rest of the block can't hold before allocating for it.
     if (count * ORVANE_HEADER > room) return nullptr;
-    PAA pRes = VANew(type, (UI2)rank, shape);
+    PAA pRes = build ? VANew(type, (UI2)rank, shape) : &checkedRecord;
     if (!pRes) return nullptr;
     *pSize = at + header;
     // An empty nested array still carries one record, its prototype.
-    UI4 n = VAElems(pRes);
+    UI4 n = count ? (UI4)count : 1;
     for (UI4 i = 0; i < n; i++) {
-      PAA child = UnpackAt(pData, pSize, limit, depth + 1);
-      if (!child) return VAFree(pRes);
-      memcpy((PCH1)VADATA(pRes) + i * sizeof(PAA), &child, sizeof(PAA));
+      PAA child = UnpackAt(pData, pSize, limit, depth + 1, build);
+      if (!child) return build ? VAFree(pRes) : nullptr;
+      if (build) memcpy((PCH1)VADATA(pRes) + i * sizeof(PAA), &child, sizeof(PAA));
     }
     return pRes;
   }
@@ -190,6 +195,10 @@ static PAA UnpackAt(PCH1 pData, PUI4 pSize, UI4 limit, UI4 depth) {
     return nullptr;
   UI4 stored = (UI4)((length - 1) * 8) - header;
   if (type != VAApvI4 && type != VAApvF8 && DataBytes(type, count) > stored) return nullptr;
+  if (!build) {
+    *pSize = at + (UI4)((length - 1) * 8);
+    return &checkedRecord;
+  }
   PAA pRes = VANew(type, (UI2)rank, shape);
   if (!pRes) return nullptr;
   UI4 n = stored < VADataLength(pRes) ? stored : VADataLength(pRes);
@@ -198,21 +207,25 @@ static PAA UnpackAt(PCH1 pData, PUI4 pSize, UI4 limit, UI4 depth) {
   return pRes;
 }
 
-PAA Unpack(PCH1 pData, PUI4 pSize, UI4 limit) { return UnpackAt(pData, pSize, limit, 0); }
+PAA Unpack(PCH1 pData, PUI4 pSize, UI4 limit) { return UnpackAt(pData, pSize, limit, 0, true); }
 
 static bool ArchOk(UI4 word) { return word <= 255 && (word & 0xE9) == 0xA0; }
 
-PAA UnpackZ(PUI4 pZ, UI4 blockSize) {
+static PAA UnpackZAt(PUI4 pZ, UI4 blockSize, bool build) {
   if (blockSize < 8) return nullptr;
   UI4 stated = GetBE32(pZ);
   if (!ArchOk(GetBE32((PCH1)pZ + 4))) return nullptr;
   if (stated > blockSize || stated < 8) return nullptr;
   UI4 offset = 0;
-  PAA pAA = Unpack((PCH1)pZ + 8, &offset, stated - 8);
+  PAA pAA = UnpackAt((PCH1)pZ + 8, &offset, stated - 8, 0, build);
   if (!pAA) return nullptr;
-  if (offset + 8 != stated) return VAFree(pAA);
+  if (offset + 8 != stated) return build ? VAFree(pAA) : nullptr;
   return pAA;
 }
+
+PAA UnpackZ(PUI4 pZ, UI4 blockSize) { return UnpackZAt(pZ, blockSize, true); }
+
+bool CheckZ(PUI4 pZ, UI4 blockSize) { return UnpackZAt(pZ, blockSize, false) != nullptr; }
 
 PAA UnpackZ(PUI4 pZ) { return UnpackZ(pZ, GetBE32(pZ)); }
 

@@ -48,6 +48,9 @@ PAA UnpackZ(PUI4 pZ);
 // The same for a block that came from a peer: blockSize is what was really
 // received, whatever the block's own length word claims.
 PAA UnpackZ(PUI4 pZ, UI4 blockSize);
+// Whether UnpackZ(pZ, blockSize) would succeed, found without allocating
+// or copying anything.
+bool CheckZ(PUI4 pZ, UI4 blockSize);
 PUI4 ScalarZ(UI4 v);
 // A byte view of a host record, in place: classic characters are translated
 // to ASCII and 2-byte integers narrowed to bytes, both in the record itself.

@@ -1,0 +1,209 @@
+// Command mode through the real exports against plain TCP doing the same
+// exchange in the same run: round trips (send, wait, respond, wait) against
+// a C++ ping-pong, and one 64 MB array against a bulk copy. Prints the
+// ratios; a ratio of 1 means as fast as plain TCP.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "host/library.h"
+#include "host/zblock.h"
+
+namespace {
+
+using host::Value;
+using Clock = std::chrono::steady_clock;
+
+const int kTrips = 3000;
+const size_t kBulk = 64u << 20;
+const int kBulkRuns = 3;
+
+double Seconds(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double>(b - a).count(); }
+
+Value Opt(const char* name, Value v) { return Value::Nested({Value::Text(name), std::move(v)}); }
+
+// Two connected loopback TCP sockets, with no delay on either.
+void TcpPair(int* a, int* b) {
+  int l = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr = {};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(l, (sockaddr*)&addr, sizeof addr);
+  listen(l, 1);
+  socklen_t len = sizeof addr;
+  getsockname(l, (sockaddr*)&addr, &len);
+  *a = socket(AF_INET, SOCK_STREAM, 0);
+  if (connect(*a, (sockaddr*)&addr, sizeof addr) != 0) abort();
+  *b = accept(l, nullptr, nullptr);
+  close(l);
+  int on = 1;
+  setsockopt(*a, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  setsockopt(*b, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+bool ReadAll(int fd, char* p, size_t n) {
+  while (n) {
+    ssize_t r = read(fd, p, n);
+    if (r <= 0) return false;
+    p += r;
+    n -= (size_t)r;
+  }
+  return true;
+}
+
+void WriteAll(int fd, const char* p, size_t n) {
+  while (n) {
+    ssize_t r = write(fd, p, n);
+    if (r <= 0) abort();
+    p += r;
+    n -= (size_t)r;
+  }
+}
+
+// The plain exchange: a request of the same size as ours, header included,
+// and the same answer back.
+double PlainTrips(size_t size) {
+  int a, b;
+  TcpPair(&a, &b);
+  std::thread server([&] {
+    std::vector<char> buf(size);
+    while (ReadAll(b, buf.data(), size)) WriteAll(b, buf.data(), size);
+  });
+  std::vector<char> buf(size, 'x');
+  auto t0 = Clock::now();
+  for (int i = 0; i < kTrips; i++) {
+    WriteAll(a, buf.data(), size);
+    ReadAll(a, buf.data(), size);
+  }
+  double s = Seconds(t0, Clock::now());
+  close(a);
+  server.join();
+  close(b);
+  return kTrips / s;
+}
+
+// The plain exchange receives into a fresh block each time, as a host
+// receives a new array.
+double PlainBulk() {
+  double best = 1e9;
+  std::vector<char> src(kBulk, 'y');
+  for (int run = 0; run < kBulkRuns; run++) {
+    int a, b;
+    TcpPair(&a, &b);
+    auto t0 = Clock::now();
+    std::thread writer([&] { WriteAll(a, src.data(), kBulk); });
+    char* dst = (char*)malloc(kBulk);
+    ReadAll(b, dst, kBulk);
+    free(dst);
+    best = std::min(best, Seconds(t0, Clock::now()));
+    writer.join();
+    close(a);
+    close(b);
+  }
+  return kBulk / best / 1e6;
+}
+
+struct Roots {
+  host::Library& lib;
+  std::string srv = "BENCHSRV", clt = "BENCHCLT";
+  explicit Roots(host::Library& l) : lib(l) {
+    if (lib.Init(srv, lib.path()) || lib.Init(clt, lib.path())) abort();
+    lib.Call(srv, "ASrv", Value::Nested({Opt("Name", Value::Text("S")), Opt("Address", Value::Text("127.0.0.1")),
+                                         Opt("Port", Value::Text("0"))}));
+    host::CallResult r = lib.Call(srv, "AGetProp", Value::Nested({Value::Text("S"), Value::Text("LocalAddr")}));
+    int port = (int)r.result[1][3].intAt(0);
+    lib.Call(clt, "AClt", Value::Nested({Opt("Name", Value::Text("C")), Opt("Address", Value::Text("127.0.0.1")),
+                                         Opt("Port", Value::Text(std::to_string(port)))}));
+    if (Event(srv, "").first != "Connect") abort();
+  }
+  ~Roots() {
+    lib.Call(clt, "AClose", Value::Text("."));
+    lib.Call(srv, "AClose", Value::Text("."));
+  }
+  // A wait through the bare export: event and object name; the data block
+  // is given back unread, as a host that only counts would do.
+  std::pair<std::string, std::string> Event(const std::string& root, const std::string& name) {
+    host::ZBlock right = host::Encode(Value::Nested({Value::Text(name), Value::Int(10000)}));
+    host::ZBlock left = host::Encode(Value::Int(0));
+    uint32_t* pr = right.words();
+    uint32_t* pl = left.words();
+    lib.raw().Call((char*)root.c_str(), (char*)"AWaitZ", &pr, &pl);
+    std::optional<Value> v = host::Decode(pr, host::ZBlock(pr, 8).statedLength());
+    lib.raw().FreeUsedOrvaneResult(pr);
+    if (pl != left.words()) lib.raw().FreeUsedOrvaneResult(pl);
+    if (!v || !v->isNested()) return {"", ""};
+    return {(*v)[2].text(), (*v)[1].text()};
+  }
+  void Dyadic(const std::string& root, const char* verb, host::ZBlock& left, const std::string& name, int flag) {
+    host::ZBlock right = host::Encode(Value::Nested({Value::Text(name), Value::Int(flag)}));
+    uint32_t* pr = right.words();
+    uint32_t* pl = left.words();
+    lib.raw().Call((char*)root.c_str(), (char*)verb, &pr, &pl);
+    lib.raw().FreeUsedOrvaneResult(pr);
+  }
+};
+
+double CommandTrips(Roots& r, host::ZBlock& value) {
+  std::thread server([&] {
+    for (int i = 0; i < kTrips; i++) {
+      auto e = r.Event(r.srv, "");
+      if (e.first != "Receive") abort();
+      r.Dyadic(r.srv, "ARespondZ", value, e.second, 1);
+    }
+  });
+  auto t0 = Clock::now();
+  for (int i = 0; i < kTrips; i++) {
+    r.Dyadic(r.clt, "ASendZ", value, "C", 0);
+    if (r.Event(r.clt, "C").first != "Receive") abort();
+  }
+  double s = Seconds(t0, Clock::now());
+  server.join();
+  return kTrips / s;
+}
+
+double CommandBulk(Roots& r) {
+  std::vector<uint8_t> bytes(kBulk, 7);
+  host::ZBlock big = host::Encode(Value::Raw(host::Type::Int8, {kBulk}, bytes));
+  double best = 1e9;
+  for (int run = 0; run < kBulkRuns; run++) {
+    auto t0 = Clock::now();
+    r.Dyadic(r.clt, "ASendZ", big, "C", 2);  // no answer wanted
+    if (r.Event(r.srv, "").first != "Receive") abort();
+    best = std::min(best, Seconds(t0, Clock::now()));
+  }
+  return kBulk / best / 1e6;
+}
+
+}  // namespace
+
+int main() {
+  std::string error;
+  std::unique_ptr<host::Library> lib = host::Library::Open(host::FindLibrary(PELKO_BUILT_LIBRARY), &error);
+  if (!lib) {
+    fprintf(stderr, "cannot load the library: %s\n", error.c_str());
+    return 1;
+  }
+  Roots roots(*lib);
+  host::ZBlock small = host::Encode(Value::Ints({1, 2, 3, 4}));
+  size_t wire = 115 + small.size();
+
+  double plainTrips = PlainTrips(wire);
+  double cmdTrips = CommandTrips(roots, small);
+  printf("round trips/s   plain TCP %10.0f   command mode %10.0f   plain/command %.2f\n", plainTrips, cmdTrips,
+         plainTrips / cmdTrips);
+  double plainBulk = PlainBulk();
+  double cmdBulk = CommandBulk(roots);
+  printf("64 MB, MB/s     plain TCP %10.0f   command mode %10.0f   plain/command %.2f\n", plainBulk, cmdBulk,
+         plainBulk / cmdBulk);
+  return 0;
+}

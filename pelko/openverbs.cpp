@@ -1,0 +1,224 @@
+// The opening verbs: an option list becomes a listening or an outgoing
+// object of its mode, added under the root. The client's connect blocks in
+// the host thread, before the object joins the tree.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <strings.h>
+
+#include "certdata.h"
+#include "cmdconnection.h"
+#include "log.h"
+#include "options.h"
+#include "pelkoerr.h"
+#include "root.h"
+#include "verbresult.h"
+#include "verbs.h"
+
+#define MODULE 0x00000080
+
+#define OPEN_NAMELEN 65
+#define RANGE_KINDLEN 20
+#define RANGE_LISTLEN 1024
+
+// Only command mode is built so far; the other modes' classes take their
+// place in these two tables as they come, and answer ERR_NONCE until then.
+static PSERVER NewServerOfMode(OBJMODE mode, SI4* rc) {
+  *rc = 0;
+  switch (mode) {
+    case MCommand: return new CMDSERVER();
+    case MWebSocket: *rc = ERR_NEW; return nullptr;
+    default: *rc = ERR_NONCE; return nullptr;
+  }
+}
+
+static PCONNECTION NewClientOfMode(OBJMODE mode, SI4* rc) {
+  *rc = 0;
+  switch (mode) {
+    case MRaw: case MAscii: case MBlkRaw: case MBlkAscii: case MHttp: case MUdp:
+      *rc = ERR_NONCE;
+      return nullptr;
+    default:
+      return new CMDCONNECTION();
+  }
+}
+
+// An empty name takes the next generated one; others must name a free
+// place directly under the root.
+static SI4 OpenName(PHIERAKI root, PCH10 name, const char* form) {
+  PROOT pRoot = (PROOT)root->pObj;
+  if (!*name) snprintf(name, OPEN_NAMELEN, form, pRoot->NameCnt++);
+  if (strchr(name, '.')) return ERR_INVALID_OBJECT;
+  return root->FindLeaf(name) ? ERR_NAME_IN_USE : 0;
+}
+
+static PROTOCOL Protocol(PHIERAKI root, PROTOCOL prot) {
+  return prot == PAny ? ((PROOT)root->pObj)->DefProt : prot;
+}
+
+SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4, UI4, PCERTDATA cert,
+           PCH10 address, PROTOCOL prot, PRANGES allow, PRANGES deny) {
+  LOG(1, ("Server called %s %s", name, port ? port : ""));
+  if (!root) return ERR_ROOT_NOT_FOUND;
+  SI4 rc = OpenName(root, name, "SRV%08u");
+  if (rc) return rc;
+  PSERVER s = NewServerOfMode(mode, &rc);
+  if (!s) return rc;
+  LOG(1, ("Server New %p", (void*)s));
+  s->Mode = mode;
+  // With a certificate the listener would be a TLS one, which the
+  // certificate part refuses before we get here.
+  s->pCert = cert;
+  s->pAllow = allow;
+  s->pDeny = deny;
+  rc = s->Listen(root, port, address, Protocol(root, prot));
+  LOG(1, ("Server Listen %d", rc));
+  if (!rc && !root->AddNew(name, s)) rc = ERR_NAME_IN_USE;
+  if (rc) {
+    // The caller still owns the ranges and the certificate.
+    s->pAllow = s->pDeny = nullptr;
+    s->pCert = nullptr;
+    delete s;
+    return rc;
+  }
+  LOG(1, ("Server added"));
+  rc = Dirty(root);
+  LOG(1, ("Worker notified"));
+  LOG(1, ("Server returned %d", rc));
+  return rc;
+}
+
+SI4 Client(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, PCH10, OBJMODE mode, UI4, UI4,
+           PCERTDATA cert, PROTOCOL prot) {
+  LOG(1, ("Client called %s %s %s", name, address ? address : "", port ? port : ""));
+  if (!root) return ERR_ROOT_NOT_FOUND;
+  SI4 rc = OpenName(root, name, "CLT%08u");
+  if (rc) return rc;
+  PCONNECTION c = NewClientOfMode(mode, &rc);
+  if (!c) return rc;
+  c->Mode = mode == MWebSocket ? MCommand : mode;
+  c->pCert = cert;
+  rc = c->Connect(root, address, port, Protocol(root, prot));
+  if (!rc && c->Mode == MCommand) c->pCon->SetNoDelay();
+  if (!rc && !root->AddNew(name, c)) rc = ERR_NAME_IN_USE;
+  if (rc) {
+    c->pCert = nullptr;
+    delete c;
+    return rc;
+  }
+  return Dirty(root);
+}
+
+// One (kind list) pair of a range option into the ranges.
+static SI4 RangePair(PAA pair, PRANGES r) {
+  if (!pair || pair->type != VAPntr || pair->rank != 1 || VAElems(pair) != 2) return ERR_OPTION;
+  char kind[RANGE_KINDLEN + 1], list[RANGE_LISTLEN + 1];
+  SI4 rc = VAGetCH1(pair, 0, kind, sizeof(kind), VACHAR);
+  if (!rc) rc = VAGetCH1(pair, 1, list, sizeof(list), VACHAR);
+  if (rc) return rc;
+  if (strcasecmp(kind, "ipv4") == 0) return r->SetAddr4(list);
+  if (strcasecmp(kind, "ipv6") == 0) return r->SetAddr6(list);
+  return ERR_OPTION;
+}
+
+SI4 GetRanges(PAA arg, SI4 index, SI4 n, PCH1* names, SI2, PRANGES* out) {
+  *out = nullptr;
+  PAA p = nullptr;
+  if (GetOptionpAA(arg, index, n, names, &p) || !p) return 0;
+  SI4 rc = 0;
+  if (p->type != VAPntr) rc = VAElems(p) > 1 ? ERR_OPTION : 0;
+  PRANGES r = rc ? nullptr : new RANGES();
+  for (UI4 i = 0; r && !rc && i < VAElems(p); i++) {
+    PAA pair = nullptr;
+    rc = p->type == VAPntr ? VAGetpAA(p, i, &pair) : ERR_OPTION;
+    if (!rc) rc = RangePair(pair, r);
+    VAFree(pair);
+  }
+  VAFree(p);
+  if (rc) delete r;
+  else *out = r;
+  return rc;
+}
+
+// The options both opening verbs read alike.
+struct OPENARGS {
+  char name[OPEN_NAMELEN + AUTONAME_ROOM];
+  PCH10 address;
+  PCH10 port;
+  OBJMODE mode;
+  SI4 size;
+  SI4 magic;
+  PROTOCOL prot;
+  PCERTDATA cert;
+};
+
+static SI4 ReadOpenArgs(PAA arg, OPENARGS* a) {
+  memset(a, 0, sizeof(*a));
+  if (!arg) return ERR_ARG_MISSING;
+  SI4 rc = CheckArgList(arg, COMAX, PelkoOptionNames);
+  if (rc) return rc;
+  if (!GetPCH10(arg, COName, COMAX, PelkoOptionNames, a->name, OPEN_NAMELEN)) return ERR_ARG_MISSING;
+  a->address = GetPCH10(arg, COAddress, COMAX, PelkoOptionNames, nullptr, 0);
+  if (a->address && !*a->address) {
+    free(a->address);
+    a->address = nullptr;
+  }
+  a->port = GetPCH10(arg, COPort, COMAX, PelkoOptionNames, nullptr, 0);
+  a->mode = (OBJMODE)GetEnum(arg, COMode, COMAX, PelkoOptionNames, MMAX, modename, MCommand, &rc);
+  if (!rc) rc = GetSI4(arg, COMaxSize, COMAX, PelkoOptionNames, 16384, &a->size);
+  if (!rc) rc = GetSI4(arg, COMagic, COMAX, PelkoOptionNames, 0, &a->magic);
+  if (!rc) rc = GetCert(arg, &a->cert);
+  SI4 err = 0;
+  a->prot = (PROTOCOL)GetEnum(arg, COProtocol, COMAX, PelkoOptionNames, PMAX, protocolname, PAny, &err);
+  return rc ? rc : err;
+}
+
+static void FreeOpenArgs(OPENARGS* a) {
+  free(a->address);
+  free(a->port);
+  FreeCert(a->cert);
+}
+
+// A stop list belongs to the raw and text family alone. The object stays
+// open when the list is refused.
+static SI4 StopList(PHIERAKI root, PAA arg, OPENARGS* a) {
+  LIST* list = nullptr;
+  SI4 rc = GetList(arg, COStopList, COMAX, PelkoOptionNames, a->mode == MAscii ? 1 : 0, &list);
+  SI1 ignoreCase = 1;
+  if (!rc) rc = GetBool(arg, COIgnoreCase, COMAX, PelkoOptionNames, 1, &ignoreCase);
+  if (!rc && list) {
+    PHIERAKI h = root->FindLeaf(a->name);
+    if (!h || !h->pObj) rc = ERR_OBJECT_NOT_FOUND;
+    else rc = a->mode == MRaw || a->mode == MAscii ? ERR_NONCE : ERR_INVALID_OBJECT;
+  }
+  FreeList(list);
+  return rc;
+}
+
+PAA ASrv(PHIERAKI root, PAA arg) {
+  OPENARGS a;
+  PRANGES allow = nullptr, deny = nullptr;
+  SI4 rc = ReadOpenArgs(arg, &a);
+  if (!rc) rc = GetRanges(arg, COAllowEndpoint, COMAX, PelkoOptionNames, 0, &allow);
+  if (!rc) rc = GetRanges(arg, CODenyEndpoint, COMAX, PelkoOptionNames, 0, &deny);
+  if (!rc) {
+    rc = Server(root, a.name, a.port, a.mode, (UI4)a.size, (UI4)a.magic, a.cert, a.address, a.prot,
+                allow, deny);
+    if (!rc) allow = deny = nullptr;
+  }
+  delete allow;
+  delete deny;
+  if (!rc) rc = StopList(root, arg, &a);
+  FreeOpenArgs(&a);
+  return rc ? VARc(rc) : RcValue(TextVector(a.name));
+}
+
+PAA AClt(PHIERAKI root, PAA arg) {
+  OPENARGS a;
+  SI4 rc = ReadOpenArgs(arg, &a);
+  if (!rc) rc = Client(root, a.name, a.address, a.port, nullptr, a.mode, (UI4)a.size, (UI4)a.magic,
+                       a.cert, a.prot);
+  if (!rc) rc = StopList(root, arg, &a);
+  FreeOpenArgs(&a);
+  return rc ? VARc(rc) : RcValue(TextVector(a.name));
+}

@@ -1,0 +1,240 @@
+// Command mode on the wire, against a plain socket peer written here: the
+// exact bytes of the header both ways, and what a misbehaving peer gets.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "cmdpeer.h"
+#include "host/zblock.h"
+
+namespace {
+
+using namespace cmdtest;
+
+void PutBE(std::string& s, size_t at, uint32_t v) {
+  for (int i = 0; i < 4; i++) s[at + i] = (char)(v >> (24 - 8 * i));
+}
+
+uint32_t GetBE(const std::string& s, size_t at) {
+  uint32_t v = 0;
+  for (int i = 0; i < 4; i++) v = v << 8 | (uint8_t)s[at + i];
+  return v;
+}
+
+std::string Field(const std::string& text) { return (text + std::string(32, ' ')).substr(0, 32); }
+
+// One message as a peer writes it: the 115-byte header and the payload.
+std::string Message(uint32_t type, const std::string& name, const std::string& sub, const std::string& payload,
+                    const char* magic = "Pelko000") {
+  std::string m(115, '\0');
+  PutBE(m, 0, (uint32_t)(115 + payload.size()));
+  PutBE(m, 4, type);
+  memcpy(&m[8], magic, 8);
+  m.replace(16, 32, Field(""));
+  m.replace(48, 32, Field(name));
+  m.replace(80, 32, Field(sub));
+  return m + payload;
+}
+
+std::string Payload(const Value& v) {
+  std::vector<uint8_t> b = host::Encode(v).bytes();
+  return std::string(b.begin(), b.end());
+}
+
+class Peer {
+ public:
+  explicit Peer(int fd) : fd_(fd) {}
+  static Peer To(int port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons((uint16_t)port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(connect(fd, (sockaddr*)&a, sizeof a), 0);
+    return Peer(fd);
+  }
+  Peer(Peer&& o) : fd_(o.fd_) { o.fd_ = -1; }
+  ~Peer() {
+    if (fd_ >= 0) close(fd_);
+  }
+  void Write(const std::string& bytes) { ASSERT_EQ(write(fd_, bytes.data(), bytes.size()), (ssize_t)bytes.size()); }
+  // Exactly n bytes, or what came within two seconds.
+  std::string Read(size_t n) {
+    std::string s;
+    char buf[65536];
+    while (s.size() < n) {
+      pollfd p = {fd_, POLLIN, 0};
+      if (poll(&p, 1, 2000) != 1) break;
+      ssize_t r = read(fd_, buf, std::min(sizeof buf, n - s.size()));
+      if (r <= 0) break;
+      s.append(buf, (size_t)r);
+    }
+    return s;
+  }
+
+ private:
+  int fd_;
+};
+
+// A loopback listener for the library's client to connect to.
+struct Listener {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  int port = 0;
+  Listener() {
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(fd, (sockaddr*)&a, sizeof a), 0);
+    EXPECT_EQ(listen(fd, 4), 0);
+    socklen_t len = sizeof a;
+    getsockname(fd, (sockaddr*)&a, &len);
+    port = ntohs(a.sin_port);
+  }
+  ~Listener() { close(fd); }
+  Peer Accept() { return Peer(accept(fd, nullptr, nullptr)); }
+};
+
+void ExpectHeader(const std::string& h, uint32_t length, uint32_t type, const std::string& name,
+                  const std::string& sub) {
+  ASSERT_GE(h.size(), 115u);
+  EXPECT_EQ(GetBE(h, 0), length);
+  EXPECT_EQ(GetBE(h, 4), type);
+  EXPECT_EQ(h.substr(8, 8), "Pelko000");
+  EXPECT_EQ(h.substr(16, 32), std::string(32, ' '));
+  EXPECT_EQ(h.substr(48, 32), Field(name));
+  EXPECT_EQ(h.substr(80, 32), Field(sub));
+}
+
+TEST(CommandWire, ToTheServerAndBack) {
+  std::string srv = pelkotest::NewRoot("WIRES");
+  int port = Serve(srv, "S");
+  Peer peer = Peer::To(port);
+  Event c = Wait(srv, "", 2000);
+  ASSERT_EQ(c.event, "Connect");
+
+  Value v = Value::Nested({Value::Text("wire"), Value::Ints({1, 2, 3})});
+  peer.Write(Message(1, "wire", "", Payload(v)));
+  Event e = Wait(srv, "", 2000);
+  EXPECT_EQ(e.event, "Receive");
+  EXPECT_EQ(e.name, c.name + ".wire");
+  EXPECT_EQ(e.data, v);
+
+  EXPECT_EQ(Respond(srv, e.name, Value::Int(5), 0), 0);
+  std::string p5 = Payload(Value::Int(5));
+  std::string got = peer.Read(115 + p5.size());
+  ExpectHeader(got, (uint32_t)(115 + p5.size()), 2, "wire", "Progress00000000");
+  EXPECT_EQ(got.substr(115), p5);
+
+  EXPECT_EQ(Respond(srv, e.name, Value::Text("ok"), 1), 0);
+  std::string ok = Payload(Value::Text("ok"));
+  got = peer.Read(115 + ok.size());
+  ExpectHeader(got, (uint32_t)(115 + ok.size()), 3, "wire", "");
+  // The host's block goes to the wire as it is.
+  EXPECT_EQ(got.substr(115), ok);
+  Lib().Call(srv, "AClose", Value::Text("."));
+}
+
+TEST(CommandWire, FromTheClient) {
+  std::string clt = pelkotest::NewRoot("WIREC");
+  Listener l;
+  ASSERT_EQ(Code(Connect(clt, "C", l.port)), 0);
+  Peer peer = l.Accept();
+  std::string z = Payload(Value::Ints({7, 8}));
+  ASSERT_EQ(Code(Send(clt, "C.abc", Value::Ints({7, 8}))), 0);
+  std::string got = peer.Read(115 + z.size());
+  ExpectHeader(got, (uint32_t)(115 + z.size()), 1, "abc", "");
+  EXPECT_EQ(got.substr(115), z);
+
+  ASSERT_EQ(Code(Send(clt, "C.nope", Value::Ints({7, 8}), 2)), 0);
+  got = peer.Read(115 + z.size());
+  ExpectHeader(got, (uint32_t)(115 + z.size()), 4, "nope", "");
+
+  // A name of 33 goes out cut to 32, and the answer finds it under that.
+  std::string longName = "n23456789012345678901234567890123";
+  ASSERT_EQ(Code(Send(clt, "C." + longName, Value::Int(1))), 0);
+  got = peer.Read(115 + Payload(Value::Int(1)).size());
+  ExpectHeader(got, (uint32_t)(115 + Payload(Value::Int(1)).size()), 1, longName.substr(0, 32), "");
+  peer.Write(Message(2, longName.substr(0, 32), "Progress00000007", Payload(Value::Text("half"))));
+  Event e = Wait(clt, "", 2000);
+  EXPECT_EQ(e.event, "Progress");
+  EXPECT_EQ(e.name, "C." + longName.substr(0, 32) + ".Progress00000007");
+  EXPECT_EQ(e.data, Value::Text("half"));
+  peer.Write(Message(3, longName.substr(0, 32), "", Payload(Value::Text("yes"))));
+  e = Wait(clt, "", 2000);
+  EXPECT_EQ(e.event, "Receive");
+  EXPECT_EQ(e.name, "C." + longName.substr(0, 32));
+  EXPECT_EQ(e.data, Value::Text("yes"));
+  Lib().Call(clt, "AClose", Value::Text("."));
+}
+
+// What a server host sees from a peer that sends these bytes: the error
+// code of the event that ends that connection, or -1 if none came.
+int32_t Refusal(const std::string& srv, int port, const std::vector<std::string>& writes,
+                bool thenClose = false) {
+  Peer peer = Peer::To(port);
+  Event c = Wait(srv, "", 2000);
+  EXPECT_EQ(c.event, "Connect");
+  for (const std::string& w : writes) {
+    peer.Write(w);
+    usleep(20000);
+  }
+  if (thenClose) Peer gone(std::move(peer));
+  for (Event e = Wait(srv, "", 2000); e.rc == 0; e = Wait(srv, "", 2000)) {
+    if (e.name == c.name) {
+      EXPECT_EQ(e.event, "Error");
+      return (int32_t)e.data.intAt(0);
+    }
+  }
+  return -1;
+}
+
+TEST(CommandWire, AMisbehavingPeerEndsOnlyItsOwnConnection) {
+  std::string srv = pelkotest::NewRoot("SAFES");
+  std::string clt = pelkotest::NewRoot("SAFEC");
+  int port = Serve(srv, "S");
+  ASSERT_EQ(Code(Connect(clt, "good", port)), 0);
+  ASSERT_EQ(Wait(srv, "", 2000).event, "Connect");
+
+  std::string z = Payload(Value::Int(1));
+  std::string shortLength = Message(1, "x", "", z);
+  PutBE(shortLength, 0, 100);
+  EXPECT_EQ(Refusal(srv, port, {shortLength}), 1042);
+  EXPECT_EQ(Refusal(srv, port, {Message(1, "x", "", z, "Pelko001")}), 1130);
+  EXPECT_EQ(Refusal(srv, port, {Message(1, "twice", "", z), Message(1, "twice", "", z)}), 1009);
+  EXPECT_EQ(Refusal(srv, port, {Message(3, "stranger", "", z)}), 1126);
+  EXPECT_EQ(Refusal(srv, port, {Message(2, "stranger", "Progress00000000", z)}), 1126);
+  EXPECT_EQ(Refusal(srv, port, {Message(1, "a.b", "", z)}), 1009);
+  EXPECT_EQ(Refusal(srv, port, {Message(1, "", "", z)}), 1009);
+  EXPECT_EQ(Refusal(srv, port, {Message(1, "junk", "", std::string(40, 'j'))}), 1131);
+  std::string lying = z;
+  PutBE(lying, 0, 4096);  // the block claims more than the message holds
+  EXPECT_EQ(Refusal(srv, port, {Message(1, "lying", "", lying)}), 1131);
+  // A header must come in one write: the magic test holds byte 16 against
+  // the terminator when a part of 17 to 114 bytes has come.
+  std::string m = Message(1, "split", "", z);
+  EXPECT_EQ(Refusal(srv, port, {m.substr(0, 50), m.substr(50)}), 1130);
+  // A length nobody can hold: refused, or held until the peer goes.
+  std::string huge = Message(1, "huge", "", "");
+  PutBE(huge, 0, 0xFFFFFFF0u);
+  int32_t code = Refusal(srv, port, {huge}, true);
+  EXPECT_TRUE(code == 1012 || code == 1119) << code;
+
+  // The well-behaved client is still served.
+  ASSERT_EQ(Code(Send(clt, "good.q", Value::Text("still?"))), 0);
+  Event e = Wait(srv, "", 2000);
+  ASSERT_EQ(e.event, "Receive");
+  EXPECT_EQ(Respond(srv, e.name, Value::Text("yes"), 1), 0);
+  Event a = Wait(clt, "", 2000);
+  EXPECT_EQ(a.event, "Receive");
+  EXPECT_EQ(a.data, Value::Text("yes"));
+  Lib().Call(clt, "AClose", Value::Text("."));
+  Lib().Call(srv, "AClose", Value::Text("."));
+}
+
+}  // namespace

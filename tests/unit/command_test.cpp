@@ -1,0 +1,157 @@
+// The data objects of a connection on their own: the IPMSG header bytes,
+// which child reads and writes in a round, and what a wait hands over.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "command.h"
+#include "orvanenaz.h"
+#include "pelkoerr.h"
+#include "work.h"
+
+namespace {
+
+TEST(CommandObjects, IpmsgHeaderBytes) {
+  char data[3] = {'a', 'b', 'c'};
+  PBUFFER b = IPmsg(IPMMessage, (PCH1) "n234567890123456789012345678901234", (PCH1) "Progress00000001",
+                    (PCH1) "", data, 3);
+  ASSERT_NE(b, nullptr);
+  std::string h(b->Start(), b->TotalSize());
+  EXPECT_EQ(b->SizeProcessed(), 0u);  // rewound, ready to send
+  ASSERT_EQ(h.size(), 118u);
+  EXPECT_EQ(GetBE32(&h[0]), 118u);
+  EXPECT_EQ(GetBE32(&h[4]), 2u);
+  EXPECT_EQ(h.substr(8, 8), "Pelko000");
+  EXPECT_EQ(h.substr(16, 32), std::string(32, ' '));
+  EXPECT_EQ(h.substr(48, 32), "n2345678901234567890123456789012");  // cut, unterminated
+  EXPECT_EQ(h.substr(80, 32), "Progress00000001" + std::string(16, ' '));
+  EXPECT_EQ(h.substr(115), "abc");
+  delete b;
+  // A total past 4 GB is refused, not wrapped.
+  EXPECT_EQ(IPmsg(IPMCommand, (PCH1) "x", (PCH1) "", (PCH1) "", data, 0xFFFFFFFFu - 100), nullptr);
+}
+
+TEST(CommandObjects, OneReaderAndOneWriterARound) {
+  FDSETS fds = {};
+  HIERAKI conn("CON", nullptr);
+  PMESSAGE first = new MESSAGE(new BUFFER(4), SReadyToSend);
+  PMESSAGE second = new MESSAGE(new BUFFER(4), SReadyToSend);
+  PCOMMAND reading = new COMMAND(new BUFFER(8), SReceiving);
+  PHIERAKI h1 = conn.AddNew("a", first);
+  PHIERAKI h2 = conn.AddNew("b", second);
+  PHIERAKI h3 = conn.AddNew("c", reading);
+  // Waiting senders: the first in child order writes.
+  for (PHIERAKI h : {h1, h2, h3}) {
+    fds.pItem = h;
+    h->pObj->Check(&fds);
+  }
+  EXPECT_EQ(fds.phWrite, h1);
+  EXPECT_EQ(fds.pWrite, first->pBuf);
+  EXPECT_EQ(fds.phRead, h3);
+  EXPECT_EQ(fds.pRead, reading->pRecv);
+  // A transfer begun takes the selection from a waiting one.
+  second->State = SSending;
+  fds = {};
+  for (PHIERAKI h : {h1, h2}) {
+    fds.pItem = h;
+    h->pObj->Check(&fds);
+  }
+  EXPECT_EQ(fds.phWrite, h2);
+  // On a closed connection a command in transfer becomes an error; a
+  // message stays as it is.
+  fds = {};
+  fds.fConnectionClosed = 1;
+  for (PHIERAKI h : {h1, h3}) {
+    fds.pItem = h;
+    h->pObj->Check(&fds);
+  }
+  EXPECT_EQ(reading->State, SError);
+  EXPECT_EQ(reading->lErrorObj, ERR_CLOSED);
+  EXPECT_EQ(first->State, SReadyToSend);
+  // A command made with a state it can't start in owns no buffer.
+  COMMAND idle(nullptr, SAPL);
+  EXPECT_EQ(idle.State, SNew);
+  EXPECT_EQ(idle.GetBuffer(), nullptr);
+}
+
+TEST(CommandObjects, WhatAWaitHandsOver) {
+  HIERAKI conn("CON7", nullptr);
+  // A raw block: bytes 0 to 255 as integers, under the connection's name.
+  char bytes[3] = {0, (char)200, (char)255};
+  PMESSAGE raw = new MESSAGE(new BUFFER(3, bytes), SAPL);
+  raw->Mode = MRaw;
+  raw->LastState = SAPLLast;
+  PHIERAKI h = conn.AddNew("Blk00000001", raw);
+  char name[200], event[64];
+  OBJSTATE next = SFinished;
+  PUI4 z = nullptr;
+  ASSERT_EQ(raw->GetWaitReturns(h, name, event, &next, &z), 0);
+  EXPECT_STREQ(event, "BlockLast");
+  EXPECT_STREQ(name, "Blk00000001");  // no dot to cut: the tree's top has no name
+  PAA v = UnpackZ(z);
+  ASSERT_NE(v, nullptr);
+  EXPECT_EQ(VAElems(v), 3u);
+  SI4 e = 0;
+  VAGetSI4(v, 1, &e);
+  EXPECT_EQ(e, 200);
+  VAGetSI4(v, 2, &e);
+  EXPECT_EQ(e, 255);
+  VAFree(v);
+  free(z);
+  // Under HTTP the event is the name up to its first digit.
+  PMESSAGE http = new MESSAGE(new BUFFER(0), SAPL);
+  http->Mode = MHttp;
+  http->LastState = SAPLLast;
+  h = conn.AddNew("Blk00000002", http);
+  ASSERT_EQ(http->GetWaitReturns(h, name, event, &next, &z), 0);
+  EXPECT_STREQ(event, "BlkLast");
+  free(z);
+  // A received payload is handed over as its own block.
+  PBLOCKBUFFER payload = BLOCKBUFFER::TryNew(32);
+  PUI4 nine = ScalarZ(9);
+  memcpy(payload->Start(), nine, 32);
+  free(nine);
+  PCH1 block = payload->Start();
+  PCOMMAND c = new COMMAND(payload, SReceiving);
+  c->LastState = SAPL;
+  c->NextState = SProcessing;
+  h = conn.AddNew("q", c);
+  next = SFinished;
+  ASSERT_EQ(c->GetWaitReturns(h, name, event, &next, &z), 0);
+  EXPECT_EQ((PCH1)z, block);
+  EXPECT_EQ(next, SProcessing);
+  EXPECT_EQ(c->NextState, SDoNotChange);
+  free(z);
+  // Data2pAA serves bytes and text only.
+  EXPECT_EQ(Data2pAA(bytes, 3, VAF8), nullptr);
+  PAA empty = Data2pAA(bytes, 0, VAI2);
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(VAElems(empty), 0u);
+  VAFree(empty);
+}
+
+TEST(CommandObjects, CheckZAgreesWithUnpackZ) {
+  // A nested array, an empty nested one (its prototype record), a text.
+  PAA inner = VANewVector(VAPntr, 0);
+  VASetpAA(inner, 0, VANewVector(VAI4, 0));
+  PAA outer = VANewVector(VAPntr, 2);
+  VASetpAA(outer, 0, inner);
+  PAA text = VANewVector(VAC1, 3);
+  VASetCH1(text, 0, (PCH1) "abc", 3, VABIN);
+  VASetpAA(outer, 1, text);
+  PUI4 z = PackZ(outer);
+  UI4 size = GetBE32(z);
+  for (UI4 cut = 0; cut <= size; cut++) {
+    PAA p = UnpackZ(z, cut);
+    EXPECT_EQ(CheckZ(z, cut), p != nullptr) << cut;
+    VAFree(p);
+  }
+  EXPECT_TRUE(CheckZ(z, size));
+  ((PUI1)z)[8 + 9] = 11;  // an element type no host has
+  EXPECT_FALSE(CheckZ(z, size));
+  free(z);
+}
+
+}  // namespace
