@@ -158,7 +158,9 @@ SI4 VANorm(PPAA ppNorm, SI2* p2VA, SI2* p2APL) {
   SI4 rc = FillEmpty(ppNorm);
   if (rc) return rc;
   SI4 t = VACheckType(*ppNorm);
-  VATYPES target = (VATYPES)p2VA[p2APL[t]];
+  // The character row is rewritten by concurrent calls: read it as they write it.
+  SI2 host = __atomic_load_n(&p2APL[t], __ATOMIC_RELAXED);
+  VATYPES target = (VATYPES)p2VA[host];
   PAA pRes;
   rc = VAConv(*ppNorm, target, &pRes);
   if (!rc) {
