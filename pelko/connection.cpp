@@ -328,7 +328,7 @@ SI4 CONNECTION::GetRPCProp(PCH1 name, PAA, PPAA ppOut) {
   *ppOut = nullptr;
   SI4 rc;
   if (strcasecmp(name, "Magic") == 0) {
-    *ppOut = IntScalar(0);
+    *ppOut = VAInt(0);
     rc = *ppOut ? 0 : ERR_MEMORY_ALLOC;
   } else if (strcasecmp(name, "IWA") == 0) {
     rc = GetName(this, ppOut);
@@ -341,8 +341,8 @@ SI4 CONNECTION::GetRPCProp(PCH1 name, PAA, PPAA ppOut) {
   } else if (strcasecmp(name, "LocalAddr") == 0 || strcasecmp(name, "PeerAddr") == 0) {
     rc = pCon ? pCon->Info(strcasecmp(name, "LocalAddr") == 0, ppOut) : ERR_CLOSED;
   } else if (strcasecmp(name, "PropList") == 0) {
-    *ppOut = NestedItems({TextVector("LocalAddr"), TextVector("Magic"), TextVector("OwnCert"),
-                          TextVector("PeerAddr"), TextVector("PeerCert"), TextVector("PropList")});
+    *ppOut = VANested({VAText("LocalAddr"), VAText("Magic"), VAText("OwnCert"),
+                          VAText("PeerAddr"), VAText("PeerCert"), VAText("PropList")});
     rc = *ppOut ? 0 : ERR_MEMORY_ALLOC;
   } else {
     rc = ERR_OPTION;

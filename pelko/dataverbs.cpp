@@ -59,7 +59,7 @@ PAA ASendZ(PHIERAKI root, UI4** ppLeft, PAA arg) {
   }
   LOG(1, ("ASendZ %s complete %u", name, flag));
   rc = h->pObj ? h->pObj->SendZ(h, sub, z, size, flag) : ERR_INVALID_OBJECT;
-  return rc ? VARc(rc) : RcValue(TextVector(name));
+  return rc ? VARc(rc) : RcValue(VAText(name));
 }
 
 // The bytes of a data block, or the file it names, in the buffer of the

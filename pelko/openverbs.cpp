@@ -210,7 +210,7 @@ PAA ASrv(PHIERAKI root, PAA arg) {
   delete deny;
   if (!rc) rc = StopList(root, arg, &a);
   FreeOpenArgs(&a);
-  return rc ? VARc(rc) : RcValue(TextVector(a.name));
+  return rc ? VARc(rc) : RcValue(VAText(a.name));
 }
 
 PAA AClt(PHIERAKI root, PAA arg) {
@@ -220,5 +220,5 @@ PAA AClt(PHIERAKI root, PAA arg) {
                        a.cert, a.prot);
   if (!rc) rc = StopList(root, arg, &a);
   FreeOpenArgs(&a);
-  return rc ? VARc(rc) : RcValue(TextVector(a.name));
+  return rc ? VARc(rc) : RcValue(VAText(a.name));
 }

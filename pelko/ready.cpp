@@ -300,7 +300,7 @@ PAA AWaitZ(PHIERAKI pRoot, UI4** ppLeft, PAA arg) {
   if (!rc) {
     PAA t = VANewVector(VAF8, 4);
     for (UI4 i = 0; t && i < 4; i++) VASetF8(t, i, times[i]);
-    r = NestedItems({IntScalar(0), TextVector(objName), TextVector(event), t});
+    r = VANested({VAInt(0), VAText(objName), VAText(event), t});
   }
   if (!payload) payload = ScalarZ(0);
   if (ppLeft) *ppLeft = payload;

@@ -245,14 +245,14 @@ SI4 SERVER::GetRPCProp(PCH1 name, PAA, PPAA ppOut) {
     char host[256] = "";
     if (gethostname(host, 255) != 0) host[0] = 0;
     host[255] = 0;
-    *ppOut = TextVector(host);
+    *ppOut = VAText(host);
   } else if (strcasecmp(name, "OwnCert") == 0) {
     *ppOut = pSocket ? pSocket->paaCert(true) : VANewVector(VAC1, 0);
   } else if (strcasecmp(name, "LocalAddr") == 0) {
     rc = pSocket ? pSocket->Info(true, ppOut) : ERR_STATE;
   } else if (strcasecmp(name, "PropList") == 0) {
-    *ppOut = NestedItems({TextVector("LocalAddr"), TextVector("OnlyConnections"),
-                          TextVector("OwnCert"), TextVector("PropList")});
+    *ppOut = VANested({VAText("LocalAddr"), VAText("OnlyConnections"),
+                          VAText("OwnCert"), VAText("PropList")});
   } else {
     return ERR_OPTION;
   }

@@ -9,12 +9,6 @@
 
 namespace testarrays {
 
-inline PAA IntScalar(SI4 v) {
-  PAA p = VANewScalar(VAI4);
-  memcpy(VADATA(p), &v, 4);
-  return p;
-}
-
 inline PAA F8Scalar(F8 v) {
   PAA p = VANewScalar(VAF8);
   memcpy(VADATA(p), &v, 8);

@@ -27,8 +27,8 @@ TEST(Options, PositionalAndNamed) {
   x = VAFree(x);
 
   // 'srv1' '' 5000, then ('Mode' 'raw') ('port' 99)
-  PAA args = Nested({Text("srv1"), Text(""), IntScalar(5000), Pair("Mode", Text("raw")),
-                     Pair("port", IntScalar(99))});
+  PAA args = Nested({Text("srv1"), Text(""), VAInt(5000), Pair("Mode", Text("raw")),
+                     Pair("port", VAInt(99))});
   char buf[32];
   EXPECT_STREQ(GetPCH10(args, COName, COMAX, PelkoOptionNames, buf, sizeof(buf)), "srv1");
   EXPECT_STREQ(GetPCH10(args, COAddress, COMAX, PelkoOptionNames, buf, sizeof(buf)), "");
@@ -46,7 +46,7 @@ TEST(Options, PositionalAndNamed) {
   args = VAFree(args);
 
   // A two-element nested vector in first place is a pair, not a value.
-  args = Nested({Pair("Port", IntScalar(7)), Pair("Name", Text("n1"))});
+  args = Nested({Pair("Port", VAInt(7)), Pair("Name", Text("n1"))});
   EXPECT_EQ(GetSI4(args, COPort, COMAX, PelkoOptionNames, -1, &port), 0);
   EXPECT_EQ(port, 7);
   EXPECT_EQ(GetOptionpAA(args, COName, COMAX, PelkoOptionNames, &out), 0);
@@ -56,7 +56,7 @@ TEST(Options, PositionalAndNamed) {
   args = VAFree(args);
 
   // Positional values after a keyword can't be had.
-  args = Nested({Pair("Port", IntScalar(7)), Text("late")});
+  args = Nested({Pair("Port", VAInt(7)), Text("late")});
   EXPECT_EQ(GetOptionpAA(args, COName, COMAX, PelkoOptionNames, &out), ERR_ARG_INVALID);
   args = VAFree(args);
 
@@ -67,7 +67,7 @@ TEST(Options, PositionalAndNamed) {
 }
 
 TEST(Options, MisspeltAndMissing) {
-  PAA args = Nested({Pair("Port", IntScalar(7)), Pair("Prot", IntScalar(1))});
+  PAA args = Nested({Pair("Port", VAInt(7)), Pair("Prot", VAInt(1))});
   SI4 port = 0;
   // The search stops at the wanted option; the whole-list check doesn't.
   EXPECT_EQ(GetSI4(args, COPort, COMAX, PelkoOptionNames, -1, &port), 0);
@@ -78,13 +78,13 @@ TEST(Options, MisspeltAndMissing) {
   args = VAFree(args);
 
   // A name that isn't text fails with the reader's own code.
-  args = Nested({Nested({Vector<SI4>(VAI4, {1, 2}), IntScalar(1)})});
+  args = Nested({Nested({Vector<SI4>(VAI4, {1, 2}), VAInt(1)})});
   EXPECT_EQ(GetOptionpAA(args, 1, COMAX, PelkoOptionNames, &out), ERR_APL_LENGTH);
   args = VAFree(args);
 
   // A positional list longer than the table passes the check.
   PAA many = VANewVector(VAPntr, 3);
-  for (UI4 i = 0; i < 3; i++) VASetSlot(many, i, IntScalar((SI4)i));
+  for (UI4 i = 0; i < 3; i++) VASetSlot(many, i, VAInt((SI4)i));
   EXPECT_EQ(CheckArgList(many, 2, PelkoOptionNames), 0);
   many = VAFree(many);
 }
@@ -94,7 +94,7 @@ TEST(Options, ValuesAndDefaults) {
   struct {
     PAA value;
     SI1 want;
-  } bools[] = {{Text(" yes"), 1}, {Text("no"), 0}, {IntScalar(0), 0}, {IntScalar(1), 1},
+  } bools[] = {{Text(" yes"), 1}, {Text("no"), 0}, {VAInt(0), 0}, {VAInt(1), 1},
                {Text("True"), 1}, {F8Scalar(1.0), 1}};
   for (auto& b : bools) {
     PAA args = Nested({Pair("IgnoreCase", b.value)});

@@ -26,16 +26,16 @@ TEST(VAConvTest, CheckType) {
     PAA p;
     SI4 type;
   } cases[] = {
-      {Nested({IntScalar(1), F8Scalar(2.5)}), VAF8},
-      {Nested({IntScalar(1), IntScalar(2)}), VAI4},
+      {Nested({VAInt(1), F8Scalar(2.5)}), VAF8},
+      {Nested({VAInt(1), VAInt(2)}), VAI4},
       {Nested({CharScalar('a'), CharScalar('b')}), VAC1},
-      {Nested({CharScalar('a'), IntScalar(1)}), VAHet},
+      {Nested({CharScalar('a'), VAInt(1)}), VAHet},
       {Nested({Vector<SI4>(VAI4, {1, 2}), Vector<SI4>(VAI4, {3, 4})}), VAPntr},
-      {Nested({Vector<SI4>(VAI4, {1, 2}), IntScalar(3)}), VAHet},
+      {Nested({Vector<SI4>(VAI4, {1, 2}), VAInt(3)}), VAHet},
       {Nested({VANewScalar(VABit), VANewScalar(VABit)}), VAPntr},
       {Nested({VANewScalar(VAC2), VANewScalar(VAI8)}), VAF8},
-      {Nested({Enclose(Enclose(IntScalar(5)))}), VAI4},  // enclosed scalars are seen through
-      {Nested({Nested({IntScalar(5)})}), VAPntr},        // an enclosed vector is not
+      {Nested({Enclose(Enclose(VAInt(5)))}), VAI4},  // enclosed scalars are seen through
+      {Nested({Nested({VAInt(5)})}), VAPntr},        // an enclosed vector is not
       {Nested({nullptr}), VAPntr},
       {Het({{VAI4, 1}, {VAI2, 2}}), VAI4},
       {Het({{VAC1, 'x'}, {VAI4, 2}}), VAHet},
@@ -105,7 +105,7 @@ TEST(VAConvTest, Conv) {
   res = VAFree(res);
 
   // Pointer to heterogeneous, cell by cell.
-  PAA nest = Nested({IntScalar(4), F8Scalar(0.5), CharScalar('c'), Text("long")});
+  PAA nest = Nested({VAInt(4), F8Scalar(0.5), CharScalar('c'), Text("long")});
   EXPECT_EQ(VAConv(nest, VAHet, &res), 0);
   EXPECT_EQ(VAHetType(res, 0), VAI4);
   EXPECT_EQ(VAHetType(res, 1), VAF8);
@@ -159,7 +159,7 @@ TEST(VAConvTest, NormalFormThroughPack) {
   VASetHetCell(mixedHet, 2, VAPntr, &xy, sizeof(PAA));
   PAA shared = Vector<SI4>(VAI4, {9});
   VAIncRef(shared);
-  PAA result = Nested({IntScalar(0), mixedHet, apv, Nested({IntScalar(1), F8Scalar(2.5)}),
+  PAA result = Nested({VAInt(0), mixedHet, apv, Nested({VAInt(1), F8Scalar(2.5)}),
                        shared, shared,
                        VANewVector(VAPntr, 0)});
   SI4 rc;
@@ -193,7 +193,7 @@ TEST(VAConvTest, NormalFormThroughPack) {
 
   // A 64-bit integer goes to the host as a float and can't be read as one;
   // a complex with an imaginary part neither. The result is released.
-  PAA bad = Nested({IntScalar(1), Nested({VANewScalar(VAI8), IntScalar(2)})});
+  PAA bad = Nested({VAInt(1), Nested({VANewScalar(VAI8), VAInt(2)})});
   NormAndPack(&bad, &rc);
   EXPECT_EQ(rc, ERR_APL_CONVERSION);
   EXPECT_EQ(bad, nullptr);

@@ -144,7 +144,7 @@ TEST(VAGet, ThroughPointersAndCells) {
 TEST(VAGet, LenAndText) {
   UI4 len = 0;
   char buf[64];
-  PAA i = IntScalar(123);
+  PAA i = VAInt(123);
   EXPECT_EQ(VAGetLen(i, 0, &len, 1), 0);
   EXPECT_EQ(len, 4u);
   EXPECT_EQ(VAGetLen(i, 0, &len, 0), ERR_APL_DOMAIN);
@@ -194,7 +194,7 @@ TEST(VAGet, LenAndText) {
   EXPECT_STREQ(buf, "");
   empty = VAFree(empty);
 
-  PAA nest = Nested({Text("hello"), Vector<SI4>(VAI4, {1, 2}), IntScalar(-7)});
+  PAA nest = Nested({Text("hello"), Vector<SI4>(VAI4, {1, 2}), VAInt(-7)});
   EXPECT_EQ(VAGetLen(nest, 0, &len, 1), 0);
   EXPECT_EQ(len, 6u);
   EXPECT_EQ(VAGetCH1(nest, 0, buf, len, 1), 0);
@@ -279,7 +279,7 @@ TEST(VAGet, Unicode) {
   EXPECT_EQ(VAGetUnicode(c4, 1, buf, sizeof(buf), UTF8, 1), ERR_APL_DOMAIN);
   // The euro sign doesn't fit one byte.
   EXPECT_EQ(VAGetUnicode(c4, 0, buf, sizeof(buf), UCS1, 1), ERR_APL_DOMAIN);
-  PAA nest = Nested({c4, IntScalar(12), Vector<SI4>(VAI4, {1, 2})});
+  PAA nest = Nested({c4, VAInt(12), Vector<SI4>(VAI4, {1, 2})});
   EXPECT_EQ(VAGetUnicodeLen(nest, 0, &len, UCS2, 0), 0);
   EXPECT_EQ(len, 4u);
   EXPECT_EQ(VAGetUnicodeLen(nest, 1, &len, UTF16, 1), 0);
