@@ -80,6 +80,7 @@ static SI4 DecimalSI4(PAA pAA, UI4 index, SI4* plVal) {
 
 SI4 VAGetSI4(PAA pAA, UI4 index, SI4* plVal) {
   *plVal = 0;
+  if (!pAA) return ERR_APL_VALUE;  // an absent argument
   if (index >= VAElems(pAA)) return ERR_APL_LENGTH;
   PCH1 d = (PCH1)VADATA(pAA);
   switch (pAA->type) {
@@ -121,6 +122,7 @@ static SI4 ChildF8(PAA child, F8* pdVal) {
 
 SI4 VAGetF8(PAA pAA, UI4 index, F8* pdVal) {
   *pdVal = 0;
+  if (!pAA) return ERR_APL_VALUE;  // an absent argument
   if (index >= VAElems(pAA)) return ERR_APL_LENGTH;
   PCH1 d = (PCH1)VADATA(pAA);
   switch (pAA->type) {
@@ -237,6 +239,7 @@ static SI4 HetLen(PAA pAA, UI4 index, UI4* pLen, SI2 text) {
 }
 
 SI4 VAGetLen(PAA pAA, UI4 index, UI4* pLen, SI2 text) {
+  if (!pAA) return ERR_APL_VALUE;  // an absent argument
   UI4 count = VAElems(pAA);
   if (pAA->type != VAC1 && index >= count) return ERR_APL_LENGTH;
   if (pAA->type == VAC1) {
@@ -271,6 +274,7 @@ static SI4 HetCH1(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, SI2 text) {
 }
 
 SI4 VAGetCH1(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, SI2 text) {
+  if (!pAA) return ERR_APL_VALUE;  // an absent argument
   UI4 count = VAElems(pAA);
   if (pAA->type != VAC1 && index >= count) return ERR_APL_LENGTH;
   if (pAA->type == VAC1) {
@@ -315,6 +319,7 @@ SI4 VAGetCH1m(PAA pAA, UI4 index, PCH1* ppStr, SI2 text) {
 }
 
 SI4 VAGetBytes(PAA pAA, UI1* pb, UI4* plen) {
+  if (!pAA) return ERR_APL_VALUE;  // an absent argument
   UI4 count = VAElems(pAA);
   UI4 type = pAA->type;
   if (!pb && (type == VAC1 || type == VAI1 || type == VAI2)) {
@@ -382,6 +387,7 @@ static SI4 NarrowText(PAA pAA, UI4 index, SI2 term, char* buffer, UI4* pLen) {
 
 SI4 VAGetUnicodeLen(PAA pAA, UI4 index, UI4* plen, UNICODETYPES type, SI2 term) {
   *plen = 0;
+  if (!pAA) return ERR_APL_VALUE;  // an absent argument
   UI4 count = VAElems(pAA);
   if (!IsText(pAA->type) && index >= count) return ERR_APL_LENGTH;
   if (IsText(pAA->type)) {
@@ -417,6 +423,7 @@ static SI4 HetUnicode(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, SI2 term) {
 }
 
 SI4 VAGetUnicode(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, UNICODETYPES type, SI2 term) {
+  if (!pAA) return ERR_APL_VALUE;  // an absent argument
   UI4 count = VAElems(pAA);
   if (!IsText(pAA->type) && index >= count) return ERR_APL_LENGTH;
   if (IsText(pAA->type)) {
@@ -475,6 +482,7 @@ static SI4 ScalarOf(PAA pAA, UI4 index, bool isFloat, PPAA ppAA) {
 
 SI4 VAGetpAA(PAA pAA, UI4 index, PPAA ppAA) {
   *ppAA = nullptr;
+  if (!pAA) return ERR_APL_VALUE;  // an absent argument
   if (index >= VAElems(pAA)) return ERR_APL_LENGTH;
   switch (pAA->type) {
     case VAPntr: return ShareChild(VASlot(pAA, index), ppAA);

@@ -156,3 +156,30 @@ PAA VAIntVector(const SI4* p, UI4 n) {
 }
 
 PAA VARc(SI4 rc) { return VAIntVector(&rc, 1); }
+
+PAA VAText(const char* text) {
+  UI4 n = (UI4)strlen(text);
+  PAA p = VANewVector(VAC1, n);
+  if (p && n) memcpy(VADATA(p), text, n);
+  return p;
+}
+
+PAA VAInt(SI4 value) {
+  PAA p = VANewScalar(VAI4);
+  if (p) *(PSI4)VADATA(p) = value;
+  return p;
+}
+
+PAA VANested(std::initializer_list<PAA> items) {
+  bool ok = true;
+  for (PAA p : items) ok = ok && p;
+  PAA r = ok ? VANewVector(VAPntr, (UI4)items.size()) : nullptr;
+  UI4 i = 0;
+  for (PAA p : items) {
+    if (r)
+      VASetSlot(r, i++, p);
+    else
+      VAFree(p);
+  }
+  return r;
+}

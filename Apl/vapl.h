@@ -3,6 +3,8 @@
 // the shape, all in one block.
 #pragma once
 
+#include <initializer_list>
+
 #include "taltypes.h"
 #include "vaunicod.h"
 
@@ -76,6 +78,11 @@ PAA VANewVector(VATYPES type, UI4 n);   // rank 1
 PAA VANewScalar(VATYPES type);          // rank 0
 PAA VAIntVector(const SI4* p, UI4 n);   // VAI4 vector holding p[0..n)
 PAA VARc(SI4 rc);                       // one-element VAI4 vector: a verb's code
+PAA VAText(const char* text);           // VAC1 vector of a zero-terminated text
+PAA VAInt(SI4 value);                   // VAI4 scalar
+// A nested vector of the elements given, each reference taken over. Null if
+// any of them is null or allocation fails; then all of them are released.
+PAA VANested(std::initializer_list<PAA> items);
 
 // Element access (vaget.cpp, vaset.cpp). Each returns 0 or an ERR_ code.
 // index is a flat index in ravel order; a character vector counts as one

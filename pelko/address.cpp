@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "argread.h"
 #include "log.h"
 #include "pelkoerr.h"
 #include "socket.h"
@@ -181,7 +180,7 @@ SI4 IPLookup(PCH1 host, PCH1 port, PROTOCOL prot, PPAA out) {
   }
   UI4 n = 0;
   for (addrinfo* a = list; a; a = a->ai_next) n++;
-  PAA r = NewNested(n);
+  PAA r = VANewVector(VAPntr, n);
   SI4 rc = r ? 0 : ERR_MEMORY_ALLOC;
   UI4 i = 0;
   for (addrinfo* a = list; a && !rc; a = a->ai_next, i++) {
@@ -189,7 +188,7 @@ SI4 IPLookup(PCH1 host, PCH1 port, PROTOCOL prot, PPAA out) {
     memcpy(&sa, a->ai_addr, a->ai_addrlen);
     PAA item = nullptr;
     rc = SockAddr2pAA(&sa, &item);
-    if (!rc) PutNested(r, i, item);
+    if (!rc) VASetpAA(r, i, item);
   }
   freeaddrinfo(list);
   if (rc) r = VAFree(r);
@@ -226,7 +225,7 @@ SI4 SockAddr2pAA(TALSOCKADDR* addr, PPAA out) {
   }
   SI4 v[16];
   for (UI4 i = 0; i < nbytes; i++) v[i] = bytes[i];
-  *out = NestedOf({NewText(family), NewText(text), VAIntVector(v, nbytes), NewInt(port)});
+  *out = VANested({VAText(family), VAText(text), VAIntVector(v, nbytes), VAInt(port)});
   return *out ? 0 : ERR_MEMORY_ALLOC;
 }
 
@@ -239,9 +238,9 @@ SI4 IPv4Addrs(PPAA out) {
   if (!r) return ERR_MEMORY_ALLOC;
   for (UI4 row = 0; row < (UI4)ifs.count; row++) {
     ifs.Extract();
-    PutNested(r, row * 3, NewText(ifs.IfName));
-    PutNested(r, row * 3 + 1, NewText(ifs.IpAddr));
-    PutNested(r, row * 3 + 2, NewInt(ifs.mask));
+    VASetpAA(r, row * 3, VAText(ifs.IfName));
+    VASetpAA(r, row * 3 + 1, VAText(ifs.IpAddr));
+    VASetpAA(r, row * 3 + 2, VAInt(ifs.mask));
     if (ifs.Next()) break;
   }
   *out = r;

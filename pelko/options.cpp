@@ -38,6 +38,7 @@ static bool IsPair(PAA p) { return p && p->type == VAPntr && p->rank == 1 && VAE
 
 SI4 GetOptionpAA(PAA pAA, SI4 index, SI4 n, PCH1* names, PPAA out) {
   *out = nullptr;
+  if (!pAA) return ERR_ARG_MISSING;  // no argument at all
   if (pAA->type != VAPntr) {
     if (index != 0) return ERR_ARG_MISSING;
     VAIncRef(pAA);

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <mutex>
 
-#include "argread.h"
 #include "options.h"
 #include "log.h"
 #include "pelkoerr.h"
@@ -237,7 +236,7 @@ SI4 ROOT::Execute(PFDSETS fds) {
 
 // Reads element 0 of a property value as a number; def when it can't be.
 static SI4 ValueSI4(PAA value, SI4 def, PSI4 out) {
-  SI4 rc = ArgSI4(value, 0, out);
+  SI4 rc = VAGetSI4(value, 0, out);
   if (rc) *out = def;
   return rc;
 }
@@ -259,7 +258,7 @@ SI4 ROOT::SetRPCProp(PHIERAKI, PCH1 name, PAA value) {
   if (strcasecmp(name, "RootCertDir") == 0) {
     free(pCertRootDir);
     pCertRootDir = nullptr;
-    SI4 rc = ArgText(value, 0, text, sizeof(text));
+    SI4 rc = VAGetCH1(value, 0, text, sizeof(text), VACHAR);
     if (rc) return rc;
     pCertRootDir = strdup(text);
     if (!pCertRootDir) return ERR_MEMORY_ALLOC;
@@ -282,7 +281,7 @@ SI4 ROOT::SetRPCProp(PHIERAKI, PCH1 name, PAA value) {
     return 0;
   }
   if (strcasecmp(name, "Protocol") == 0) {
-    SI4 rc = ArgText(value, 0, text, sizeof(text));
+    SI4 rc = VAGetCH1(value, 0, text, sizeof(text), VACHAR);
     if (rc) return rc;
     SI4 i = Lookup(text, PMAX, protocolname);
     if (i == PMAX) return ERR_OPTION;
@@ -293,9 +292,9 @@ SI4 ROOT::SetRPCProp(PHIERAKI, PCH1 name, PAA value) {
 }
 
 static PAA PropList() {
-  return NestedOf({NewText("DecodeCert"), NewText("HttpDate"), NewText("PropList"),
-                   NewText("Protocol"), NewText("ReadyStrategy"), NewText("RootCertDir"),
-                   NewText("TCPLookup"), NewText("EventMode")});
+  return VANested({VAText("DecodeCert"), VAText("HttpDate"), VAText("PropList"),
+                   VAText("Protocol"), VAText("ReadyStrategy"), VAText("RootCertDir"),
+                   VAText("TCPLookup"), VAText("EventMode")});
 }
 
 // A property given as a fresh array: null means the allocation failed.
@@ -311,25 +310,25 @@ SI4 ROOT::GetRPCProp(PCH1 name, PAA arg, PPAA out) {
   if (strcasecmp(name, "Security") == 0) {
     text[0] = 0;
     GetSecurity(text, 1024);
-    rc = Give(NewText(text), out);
+    rc = Give(VAText(text), out);
   } else if (strcasecmp(name, "HttpDate") == 0) {
     text[0] = 0;
     rc = HttpDate(text, 80);
-    if (!rc) rc = Give(NewText(text), out);
+    if (!rc) rc = Give(VAText(text), out);
   } else if (strcasecmp(name, "RootCertDir") == 0) {
-    rc = pCertRootDir ? Give(NewText(pCertRootDir), out) : ERR_OPTION;
+    rc = pCertRootDir ? Give(VAText(pCertRootDir), out) : ERR_OPTION;
   } else if (strcasecmp(name, "ReadyStrategy") == 0) {
-    rc = Give(NewInt(UseFnsReady), out);
+    rc = Give(VAInt(UseFnsReady), out);
   } else if (strcasecmp(name, "EventMode") == 0) {
-    rc = Give(NewInt(EventMode), out);
+    rc = Give(VAInt(EventMode), out);
   } else if (strcasecmp(name, "Protocol") == 0) {
-    rc = Give(NewText(protocolname[DefProt]), out);
+    rc = Give(VAText(protocolname[DefProt]), out);
   } else if (strcasecmp(name, "DecodeCert") == 0) {
     rc = DecodeCert(arg, out);
   } else if (strcasecmp(name, "TCPLookup") == 0) {
     char port[64];
-    rc = ArgText(arg, 2, text, sizeof(text));
-    if (!rc) rc = ArgText(arg, 3, port, sizeof(port));
+    rc = VAGetCH1(arg, 2, text, sizeof(text), VACHAR);
+    if (!rc) rc = VAGetCH1(arg, 3, port, sizeof(port), VACHAR);
     if (!rc) rc = IPLookup(text, port, PAny, out);
   } else if (strcasecmp(name, "IPV4Addrs") == 0) {
     rc = IPv4Addrs(out);

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "argread.h"
 #include "log.h"
 #include "orvanenaz.h"
 #include "pelkoerr.h"
@@ -74,11 +73,11 @@ SI4 RPCOBJS::ComposeBuffer(PUI1 data, UI4 size, int file, PBUFFER* ppOut) {
 // gives no block.
 static SI4 ArrayBytes(PAA p, PUI1* ppData, PUI4 pSize) {
   *ppData = nullptr;
-  SI4 rc = ArgBytes(p, nullptr, pSize);
+  SI4 rc = VAGetBytes(p, nullptr, pSize);
   if (rc || *pSize == 0) return rc;
   *ppData = (PUI1)calloc(1, *pSize);
   if (!*ppData) return ERR_MEMORY_ALLOC;
-  return ArgBytes(p, *ppData, pSize);
+  return VAGetBytes(p, *ppData, pSize);
 }
 
 SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4, PBUFFER* ppOut) {
@@ -94,10 +93,10 @@ SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4, PBUFFER* ppOut) {
     PAA first = nullptr;
     char file[513];
     if (VAElems(pAA) >= 3) rc = ERR_LENGTH;
-    if (!rc) rc = ArgElement(pAA, 0, &first);
+    if (!rc) rc = VAGetpAA(pAA, 0, &first);
     if (!rc) rc = ArrayBytes(first, &data, &size);
     first = VAFree(first);
-    if (!rc) rc = ArgText(pAA, 1, file, sizeof(file));
+    if (!rc) rc = VAGetCH1(pAA, 1, file, sizeof(file), VACHAR);
     if (!rc) {
       int fd = open(file, O_RDONLY);
       rc = fd < 0 ? ERR_FILE : ComposeBuffer(data, size, fd, ppOut);
@@ -116,7 +115,7 @@ SI4 RPCOBJS::SetRPCProp(PHIERAKI, PCH1, PAA) { return ERR_OPTION; }
 SI4 RPCOBJS::GetRPCProp(PCH1 name, PAA, PPAA ppOut) {
   *ppOut = nullptr;
   if (strcasecmp(name, "PropList") != 0) return ERR_OPTION;
-  *ppOut = NestedOf({NewText("PropList")});
+  *ppOut = VANested({VAText("PropList")});
   return *ppOut ? 0 : ERR_MEMORY_ALLOC;
 }
 

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "argread.h"
 #include "log.h"
 #include "pelkoerr.h"
 #include "talplat.h"

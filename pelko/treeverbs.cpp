@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "argread.h"
 #include "log.h"
 #include "pelkoerr.h"
 #include "pelkossl.h"
@@ -31,7 +30,7 @@ static SI4 Close(PHIERAKI root, const char* name) {
 // The root may be gone once Close returns; it isn't touched afterwards.
 PAA AClose(PHIERAKI root, PAA arg) {
   char name[CLOSENAMELEN + 1];
-  SI4 rc = ArgText(arg, 0, name, sizeof(name));
+  SI4 rc = VAGetCH1(arg, 0, name, sizeof(name), VACHAR);
   return VARc(rc ? rc : Close(root, name));
 }
 
@@ -68,7 +67,7 @@ static PAA VersionText() {
   size_t n = strlen(text);
   n += snprintf(text + n, sizeof(text) - n, " built %s %s. ", __DATE__, __TIME__);
   if (PelkosslLoaded() && n < sizeof(text)) pelkossl.pelkosslversion(text + n, (int)(sizeof(text) - n));
-  return NewText(text);
+  return VAText(text);
 }
 
 static SI4 ThreadSemCount(PROOT pRoot) {
@@ -85,14 +84,14 @@ static PAA Describe(PHIERAKI h) {
   memcpy(name, h->Name, MAXNAMELENGTH);
   name[MAXNAMELENGTH] = 0;
   PRPCOBJS obj = h->pObj;
-  PAA n = NewText(name);
-  PAA t = NewInt(obj ? (SI4)obj->Type : -1);
-  PAA s = NewInt(obj ? (SI4)obj->State.load() : -1);
+  PAA n = VAText(name);
+  PAA t = VAInt(obj ? (SI4)obj->Type : -1);
+  PAA s = VAInt(obj ? (SI4)obj->State.load() : -1);
   if (obj && obj->Type == TRoot)
-    return NestedOf({n, t, s, VersionText(), NewInt(ThreadSemCount((PROOT)obj))});
+    return VANested({n, t, s, VersionText(), VAInt(ThreadSemCount((PROOT)obj))});
   PBUFFER b = obj && (obj->Type == TCommand || obj->Type == TMessage) ? obj->GetBuffer() : nullptr;
-  if (b) return NestedOf({n, t, s, NewInt((SI4)b->SizeProcessed()), NewInt((SI4)b->Remaining())});
-  return NestedOf({n, t, s});
+  if (b) return VANested({n, t, s, VAInt((SI4)b->SizeProcessed()), VAInt((SI4)b->Remaining())});
+  return VANested({n, t, s});
 }
 
 static PHIERAKI SubTree(PHIERAKI h, void* arg);
@@ -103,9 +102,9 @@ static PAA Children(PHIERAKI h) {
   SUBITEM sub = {0, (UI4)n + 5, (PAA*)calloc((size_t)n + 5, sizeof(PAA))};
   if (!sub.ppAA) return VANewVector(VAI4, 0);
   h->LoopSub(SubTree, &sub);
-  PAA r = NewNested(sub.Count);
+  PAA r = VANewVector(VAPntr, sub.Count);
   for (UI4 i = 0; i < sub.Count; i++) {
-    if (r) PutNested(r, i, sub.ppAA[i]);
+    if (r) VASetpAA(r, i, sub.ppAA[i]);
     else VAFree(sub.ppAA[i]);
   }
   free(sub.ppAA);
@@ -114,7 +113,7 @@ static PAA Children(PHIERAKI h) {
 
 // One pair, the node's description and its children, into the caller's list.
 static PHIERAKI SubTree(PHIERAKI h, void* arg) {
-  PAA pair = NestedOf({Describe(h), Children(h)});
+  PAA pair = VANested({Describe(h), Children(h)});
   if (pair) SubItemAdd((SUBITEM*)arg, pair);
   return nullptr;
 }
@@ -122,7 +121,7 @@ static PHIERAKI SubTree(PHIERAKI h, void* arg) {
 PAA ATree(PHIERAKI root, PAA arg) {
   char name[CLOSENAMELEN + 1];
   if (!root) return VARc(ERR_ROOT_NOT_FOUND);
-  SI4 rc = ArgText(arg, 0, name, sizeof(name));
+  SI4 rc = VAGetCH1(arg, 0, name, sizeof(name), VACHAR);
   if (rc) return VARc(rc);
   PHIERAKI h = !*name || name[0] == '.' ? root : root->FindLeaf(name);
   if (!h) return VARc(ERR_OBJECT_NOT_FOUND);
@@ -130,15 +129,15 @@ PAA ATree(PHIERAKI root, PAA arg) {
   SUBITEM item = {0, 0, nullptr};
   SubTree(h, &item);
   Checktree(root, nullptr);
-  PAA r = item.Count ? NestedOf({NewInt(0), item.ppAA[0]}) : nullptr;
+  PAA r = item.Count ? VANested({VAInt(0), item.ppAA[0]}) : nullptr;
   free(item.ppAA);
   return r ? r : VARc(ERR_MEMORY_ALLOC);
 }
 
 // Reads the name and the property of a property verb.
 static SI4 PropArgs(PAA arg, PCH1 name, PCH1 prop) {
-  SI4 rc = ArgText(arg, 0, name, PROPNAMELEN + 1);
-  return rc ? rc : ArgText(arg, 1, prop, PROPNAMELEN + 1);
+  SI4 rc = VAGetCH1(arg, 0, name, PROPNAMELEN + 1, VACHAR);
+  return rc ? rc : VAGetCH1(arg, 1, prop, PROPNAMELEN + 1, VACHAR);
 }
 
 PAA ASetProp(PHIERAKI root, PAA arg) {
@@ -146,7 +145,7 @@ PAA ASetProp(PHIERAKI root, PAA arg) {
   if (!root) return VARc(ERR_ROOT_NOT_FOUND);
   PAA value = nullptr;
   SI4 rc = PropArgs(arg, name, prop);
-  if (!rc) rc = ArgElement(arg, 2, &value);
+  if (!rc) rc = VAGetpAA(arg, 2, &value);
   if (rc) return VARc(rc);
   PHIERAKI h = root->FindLeaf(name);
   rc = h && h->pObj ? h->pObj->SetRPCProp(root, prop, value) : ERR_OBJECT_NOT_FOUND;
@@ -165,6 +164,6 @@ PAA AGetProp(PHIERAKI root, PAA arg) {
   PAA value = nullptr;
   rc = h->pObj->GetRPCProp(prop, arg, &value);
   if (rc) return VARc(rc);
-  PAA r = NestedOf({NewInt(0), value});
+  PAA r = VANested({VAInt(0), value});
   return r ? r : VARc(ERR_MEMORY_ALLOC);
 }

@@ -162,7 +162,10 @@ TALLIB::TALLIB(SI4 ownDir, PCH1 name, PCH1 error) : hLib(nullptr) {
   }
   strncat(path, name, sizeof(path) - strlen(path) - 1);
   LOG(1, ("Trying to load %s", path));
-  hLib = dlopen(path, RTLD_LAZY);
+  // The object stays mapped after dlclose: the companion's libraries keep
+  // thread-local data and exit handlers that must not point into unmapped
+  // code once it is closed.
+  hLib = dlopen(path, RTLD_LAZY | RTLD_NODELETE);
   if (hLib) {
     error[0] = 0;
   } else {

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "argread.h"
+#include "vapl.h"
 #include "rpcobjs.h"
 
 // A plain tree object that counts its own destruction and its clean-ups.
@@ -39,7 +39,7 @@ inline PAA Elem(PAA p, UI4 i) {
 
 inline SI4 IntOf(PAA p, UI4 i = 0) {
   SI4 v = -12345;
-  ArgSI4(p, i, &v);
+  VAGetSI4(p, i, &v);
   return v;
 }
 

@@ -58,11 +58,11 @@ SI4 Code(PAA r) {
 }
 
 PAA GetProp(PHIERAKI root, const char* prop) {
-  return RunVerb(AGetProp, root, NestedOf({NewText(""), NewText(prop)}));
+  return RunVerb(AGetProp, root, VANested({VAText(""), VAText(prop)}));
 }
 
 SI4 SetProp(PHIERAKI root, const char* prop, PAA value) {
-  PAA r = RunVerb(ASetProp, root, NestedOf({NewText(""), NewText(prop), value}));
+  PAA r = RunVerb(ASetProp, root, VANested({VAText(""), VAText(prop), value}));
   SI4 c = Code(r);
   VAFree(r);
   return c;
@@ -84,33 +84,33 @@ TEST(Root, StartsWithLiveThreadAndWakes) {
   EXPECT_EQ(p->pTalThread->Ended, 0u);  // zero words only wake it
 
   // Closing with "." ends the thread and frees the name again.
-  PAA r = RunVerb(AClose, root, NewText("."));
+  PAA r = RunVerb(AClose, root, VAText("."));
   EXPECT_EQ(Code(r), 0);
   VAFree(r);
   EXPECT_EQ(Root("alive"), nullptr);
   root = StartRoot("alive");
-  r = RunVerb(AClose, root, NewText("."));
+  r = RunVerb(AClose, root, VAText("."));
   EXPECT_EQ(Code(r), 0);
   VAFree(r);
 }
 
 TEST(Root, Properties) {
   PHIERAKI root = StartRoot("props");
-  EXPECT_EQ(SetProp(root, "ReadyStrategy", NewInt(7)), 0);
+  EXPECT_EQ(SetProp(root, "ReadyStrategy", VAInt(7)), 0);
   PAA r = GetProp(root, "readystrategy");  // names without case
   ASSERT_EQ(Code(r), 0);
   EXPECT_EQ(IntOf(Elem(r, 1)), 0);
   VAFree(r);
-  EXPECT_EQ(SetProp(root, "ReadyStrategy", NewInt(3)), 0);
+  EXPECT_EQ(SetProp(root, "ReadyStrategy", VAInt(3)), 0);
   r = GetProp(root, "ReadyStrategy");
   EXPECT_EQ(IntOf(Elem(r, 1)), 3);
   VAFree(r);
 
-  EXPECT_EQ(SetProp(root, "EventMode", NewInt(5)), 0);
+  EXPECT_EQ(SetProp(root, "EventMode", VAInt(5)), 0);
   r = GetProp(root, "EventMode");
   EXPECT_EQ(IntOf(Elem(r, 1)), 1);
   VAFree(r);
-  EXPECT_EQ(SetProp(root, "EventMode", NewInt(-2)), 0);
+  EXPECT_EQ(SetProp(root, "EventMode", VAInt(-2)), 0);
   r = GetProp(root, "EventMode");
   EXPECT_EQ(IntOf(Elem(r, 1)), 0);
   VAFree(r);
@@ -118,16 +118,16 @@ TEST(Root, Properties) {
   r = GetProp(root, "Protocol");
   EXPECT_EQ(TextOf(Elem(r, 1)), "ip");
   VAFree(r);
-  EXPECT_EQ(SetProp(root, "Protocol", NewText("IPV6")), 0);
+  EXPECT_EQ(SetProp(root, "Protocol", VAText("IPV6")), 0);
   r = GetProp(root, "Protocol");
   EXPECT_EQ(TextOf(Elem(r, 1)), "ipv6");
   VAFree(r);
-  EXPECT_EQ(SetProp(root, "Protocol", NewText("ipx")), ERR_OPTION);
+  EXPECT_EQ(SetProp(root, "Protocol", VAText("ipx")), ERR_OPTION);
 
   r = GetProp(root, "RootCertDir");
   EXPECT_EQ(Code(r), ERR_OPTION);
   VAFree(r);
-  EXPECT_EQ(SetProp(root, "RootCertDir", NewText("/etc/ssl/certs")), 0);
+  EXPECT_EQ(SetProp(root, "RootCertDir", VAText("/etc/ssl/certs")), 0);
   r = GetProp(root, "RootCertDir");
   EXPECT_EQ(TextOf(Elem(r, 1)), "/etc/ssl/certs");
   VAFree(r);
@@ -142,7 +142,7 @@ TEST(Root, Properties) {
   VAFree(r);
 
   r = RunVerb(AGetProp, root,
-          NestedOf({NewText(""), NewText("TCPLookup"), NewText("localhost"), NewText("80")}));
+          VANested({VAText(""), VAText("TCPLookup"), VAText("localhost"), VAText("80")}));
   ASSERT_EQ(Code(r), 0);
   PAA addrs = Elem(r, 1);
   ASSERT_GE(VAElems(addrs), 1u);
@@ -161,12 +161,12 @@ TEST(Root, Properties) {
   r = GetProp(root, "NoSuchProperty");
   EXPECT_EQ(Code(r), ERR_OPTION);
   VAFree(r);
-  EXPECT_EQ(SetProp(root, "NoSuchProperty", NewInt(1)), ERR_OPTION);
-  r = RunVerb(AGetProp, root, NestedOf({NewText("nothere"), NewText("PropList")}));
+  EXPECT_EQ(SetProp(root, "NoSuchProperty", VAInt(1)), ERR_OPTION);
+  r = RunVerb(AGetProp, root, VANested({VAText("nothere"), VAText("PropList")}));
   EXPECT_EQ(Code(r), ERR_OBJECT_NOT_FOUND);
   VAFree(r);
 
-  r = RunVerb(AClose, root, NewText("."));
+  r = RunVerb(AClose, root, VAText("."));
   VAFree(r);
 }
 
@@ -176,7 +176,7 @@ TEST(Root, TreeAndClose) {
   root->AddNew("S", new CountedObj(TServer, &deleted));
   root->AddNew("S.C", new CountedObj(TConnection, &deleted));
 
-  PAA r = RunVerb(ATree, root, NewText(""));
+  PAA r = RunVerb(ATree, root, VAText(""));
   ASSERT_EQ(Code(r), 0);
   PAA desc = Elem(Elem(r, 1), 0);
   ASSERT_EQ(VAElems(desc), 5u);
@@ -196,15 +196,15 @@ TEST(Root, TreeAndClose) {
   EXPECT_EQ(VAElems(Elem(con, 1)), 0u);
   VAFree(r);
 
-  r = RunVerb(ATree, root, NewText("S.nothere"));
+  r = RunVerb(ATree, root, VAText("S.nothere"));
   EXPECT_EQ(Code(r), ERR_OBJECT_NOT_FOUND);
   VAFree(r);
-  r = RunVerb(ATree, root, NewText("S.C"));
+  r = RunVerb(ATree, root, VAText("S.C"));
   EXPECT_EQ(TextOf(Elem(Elem(Elem(r, 1), 0), 0)), "C");
   VAFree(r);
 
   for (const char* bad : {"", ".x", "nothere"}) {
-    r = RunVerb(AClose, root, NewText(bad));
+    r = RunVerb(AClose, root, VAText(bad));
     EXPECT_EQ(Code(r), ERR_OBJECT_NOT_FOUND) << bad;
     VAFree(r);
   }
@@ -212,18 +212,18 @@ TEST(Root, TreeAndClose) {
   // thread removes it with its sub-tree.
   PHIERAKI s = root->FindLeaf("S");
   s->pObj->State = SSending;
-  r = RunVerb(AClose, root, NewText("S"));
+  r = RunVerb(AClose, root, VAText("S"));
   EXPECT_EQ(Code(r), ERR_OBJECT_ACTIVITY);
   EXPECT_EQ(s->pObj->State, SSending);
   VAFree(r);
   s->pObj->State = SListen;
-  r = RunVerb(AClose, root, NewText("S"));
+  r = RunVerb(AClose, root, VAText("S"));
   EXPECT_EQ(Code(r), 0);
   VAFree(r);
   EXPECT_TRUE(Eventually([&] { return deleted == 2; }));
   EXPECT_EQ(root->FirstChild(), nullptr);
 
-  r = RunVerb(AClose, root, NewText("."));
+  r = RunVerb(AClose, root, VAText("."));
   VAFree(r);
 }
 
@@ -231,7 +231,7 @@ TEST(Root, TreeAndClose) {
 // through the exported dispatcher, a packed result back.
 TEST(Root, CallReachesTreeVerbs) {
   StartRoot("called");
-  UI4* block = PackZ(NewText(""));  // PackZ takes the array over
+  UI4* block = PackZ(VAText(""));  // PackZ takes the array over
   UI4* in = block;
   ASSERT_EQ(Call((char*)"called", (char*)"ATree", &block, nullptr), 0);
   ASSERT_NE(block, in);
@@ -242,7 +242,7 @@ TEST(Root, CallReachesTreeVerbs) {
   VAFree(r);
   FreeUsedOrvaneResult(block);
 
-  block = PackZ(NewText("."));
+  block = PackZ(VAText("."));
   in = block;
   ASSERT_EQ(Call((char*)"called", (char*)"AClose", &block, nullptr), 0);
   free(in);
@@ -263,7 +263,7 @@ TEST(Root, DirtyAfterThreadEnded) {
   EXPECT_EQ(KickStart((char*)"ended"), ERR_WORKTHREADENDED);
   EXPECT_EQ(p->pWork, nullptr);
   auto t0 = std::chrono::steady_clock::now();
-  PAA r = RunVerb(AClose, root, NewText("."));
+  PAA r = RunVerb(AClose, root, VAText("."));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
   EXPECT_EQ(Code(r), 0);
   VAFree(r);
@@ -272,7 +272,7 @@ TEST(Root, DirtyAfterThreadEnded) {
 TEST(Root, HundredRootsLeakNothing) {
   // One root first, so that everything made once per process exists.
   PHIERAKI warm = StartRoot("warm");
-  VAFree(RunVerb(AClose, warm, NewText(".")));
+  VAFree(RunVerb(AClose, warm, VAText(".")));
   ASSERT_TRUE(Eventually([] { return CountEntries("/proc/self/task") > 0; }));
   int tasks = CountEntries("/proc/self/task");
   int fds = CountEntries("/proc/self/fd");
@@ -281,7 +281,7 @@ TEST(Root, HundredRootsLeakNothing) {
     PHIERAKI root = StartRoot(name.c_str());
     ASSERT_NE(root, nullptr);
     auto t0 = std::chrono::steady_clock::now();
-    PAA r = RunVerb(AClose, root, NewText("."));
+    PAA r = RunVerb(AClose, root, VAText("."));
     ASSERT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
     ASSERT_EQ(Code(r), 0);
     VAFree(r);
@@ -314,7 +314,7 @@ TEST(Root, StressHostThreadsAgainstWorkThread) {
         if (root->FindLeaf(child.c_str()) == nullptr) failures++;
         if (root->FindLeaf(name.c_str()) != h) failures++;
         // Closing through the verb, as a host would.
-        VAFree(RunVerb(AClose, root, NewText(name.c_str())));
+        VAFree(RunVerb(AClose, root, VAText(name.c_str())));
         if (i % 7 == 0) Dirty(root);
       }
     });
@@ -327,7 +327,7 @@ TEST(Root, StressHostThreadsAgainstWorkThread) {
     return deleted == created;
   })) << deleted << " of " << created;
   EXPECT_EQ(root->FirstChild(), nullptr);
-  VAFree(RunVerb(AClose, root, NewText(".")));
+  VAFree(RunVerb(AClose, root, VAText(".")));
 }
 
 }  // namespace

@@ -119,7 +119,7 @@ TEST(RpcObjs, WaitReturnsOfTheBase) {
 TEST(RpcObjs, ComposeBuffer) {
   CountedObj o(TConnection);
   PBUFFER b = nullptr;
-  PUI4 z = PackZ(NewText("payload"));
+  PUI4 z = PackZ(VAText("payload"));
   ASSERT_EQ(o.ComposeBuffer(z, 0, &b), 0);
   free(z);
   ASSERT_NE(b, nullptr);
@@ -130,15 +130,15 @@ TEST(RpcObjs, ComposeBuffer) {
   int fd = mkstemp(path);
   ASSERT_EQ(write(fd, "FILE", 4), 4);
   close(fd);
-  z = PackZ(NestedOf({NewText("HEAD"), NewText(path)}));
+  z = PackZ(VANested({VAText("HEAD"), VAText(path)}));
   ASSERT_EQ(o.ComposeBuffer(z, 0, &b), 0);
   free(z);
   EXPECT_EQ(std::string(b->pBuf, b->Size), "HEADFILE");
   delete b;
-  z = PackZ(NestedOf({NewText("HEAD"), NewText("/no/such/file")}));
+  z = PackZ(VANested({VAText("HEAD"), VAText("/no/such/file")}));
   EXPECT_EQ(o.ComposeBuffer(z, 0, &b), ERR_FILE);
   free(z);
-  z = PackZ(NestedOf({NewText("a"), NewText("b"), NewText("c")}));
+  z = PackZ(VANested({VAText("a"), VAText("b"), VAText("c")}));
   EXPECT_EQ(o.ComposeBuffer(z, 0, &b), ERR_LENGTH);
   free(z);
   UI4 shape[2] = {2, 2};

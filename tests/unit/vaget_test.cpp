@@ -485,3 +485,25 @@ TEST(VASet, TranslatesText) {
 }
 
 }  // namespace
+
+// A verb called without a right argument hands its readers a null array:
+// every reader says so with a code instead of following the null.
+TEST(VAGet, AbsentArrayIsAValueError) {
+  SI4 i;
+  F8 d;
+  UI4 n = 5;
+  char buf[8];
+  PCH1 text = buf;
+  PAA child = nullptr;
+  EXPECT_EQ(VAGetSI4(nullptr, 0, &i), ERR_APL_VALUE);
+  EXPECT_EQ(VAGetF8(nullptr, 0, &d), ERR_APL_VALUE);
+  EXPECT_EQ(VAGetLen(nullptr, 0, &n, VACHAR), ERR_APL_VALUE);
+  EXPECT_EQ(VAGetCH1(nullptr, 0, buf, sizeof buf, VACHAR), ERR_APL_VALUE);
+  EXPECT_EQ(VAGetCH1m(nullptr, 0, &text, VACHAR), ERR_APL_VALUE);
+  EXPECT_EQ(text, nullptr);
+  EXPECT_EQ(VAGetBytes(nullptr, nullptr, &n), ERR_APL_VALUE);
+  EXPECT_EQ(VAGetUnicodeLen(nullptr, 0, &n, UTF8, 1), ERR_APL_VALUE);
+  EXPECT_EQ(VAGetUnicode(nullptr, 0, buf, sizeof buf, UTF8, 1), ERR_APL_VALUE);
+  EXPECT_EQ(VAGetpAA(nullptr, 0, &child), ERR_APL_VALUE);
+  EXPECT_EQ(child, nullptr);
+}
