@@ -73,6 +73,32 @@ TEST(Relay, TenMegabytesEachWayThroughARelayPair) {
   echoer.join();
 }
 
+TEST(Relay, PiecesForATargetThatWentEndTheSource) {
+  std::string root = pelkotest::NewRoot("RelayGone");
+  Listener far;
+  std::string x = Open(root, "X", "raw", far.port());
+  Tcp px = far.Accept();
+  int port = Serve(root, "S", "raw");
+  Tcp c = Tcp::To(port);
+  Event e = Wait(root, "S", 3000);
+  ASSERT_EQ(e.event, "Connect");
+  // A piece needs room for a byte.
+  EXPECT_EQ(Code(Lib().Call(root, "ASetRelay", Value::Nested({Value::Text(e.name), Value::Text(x), Value::Int(0)}))), 1042);
+  EXPECT_EQ(Code(Lib().Call(root, "ASetRelay", Value::Nested({Value::Text(e.name), Value::Text(x), Value::Int(10), Value::Int(1)}))), 0);
+  c.Write("0123456789abc");
+  EXPECT_EQ(px.Read(13), "0123456789abc");
+  // The target goes; the next piece has nowhere to go.
+  px.Close();
+  Event gone = Wait(root, x, 3000);
+  EXPECT_EQ(gone.event, "BlockLast");
+  EXPECT_EQ(Wait(root, x, 300).rc, 1010);
+  c.Write("more");
+  Event err = Wait(root, e.name, 3000);
+  EXPECT_EQ(err.event, "Error");
+  EXPECT_EQ(err.data.intAt(0), 1104);  // ERR_SEND
+  Lib().Call(root, "AClose", Value::Text("."));
+}
+
 // Peak resident size of this process in kB, since the last reset.
 long PeakKb() {
   std::ifstream f("/proc/self/status");

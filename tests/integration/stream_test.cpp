@@ -102,6 +102,18 @@ TEST(Raw, CaseAndInheritedListsAndBlockSize) {
   EXPECT_EQ(Block(r.root, conn), "bX");
 }
 
+TEST(Raw, EmptyStopTextsAreDropped) {
+  Roots r("RawEmpty");
+  // An empty text would match everywhere and consume nothing.
+  int port = Serve(r.root, "S", "raw", {Opt("EOM", Strings({"", "\n"}))});
+  Tcp peer;
+  std::string conn = Accept(r.root, &peer, port);
+  peer.Write("a\nb");
+  EXPECT_EQ(Block(r.root, conn), "a\n");
+  peer.Write("\n");
+  EXPECT_EQ(Block(r.root, conn), "b\n");
+}
+
 TEST(Raw, StopListOnWrongModeFailsAndLeavesTheListener) {
   Roots r("RawWrong");
   host::CallResult res = Lib().Call(
@@ -183,6 +195,23 @@ TEST(Blk, WrongMagicOversizeAndShortLengthEndOnlyTheirConnection) {
   // The others' trouble didn't touch this one.
   good.Write(BlockBytes("ok", magic));
   EXPECT_EQ(Bytes(Wait(r.root, cg, 3000).data), "ok");
+}
+
+TEST(Blk, MagicSetLaterReadsNoSecondWordItWasNotMadeFor) {
+  Roots r("BlkLate");
+  Listener l;
+  std::string c = Open(r.root, "C", "blkraw", l.port());
+  Tcp peer = l.Accept();
+  EXPECT_EQ(cmdtest::SetProp(r.root, c, "Magic", Value::Int(5)), 0);
+  host::CallResult m = Lib().Call(r.root, "AGetProp", Value::Nested({Value::Text(c), Value::Text("Magic")}));
+  // 0 and a scalar come back as one simple vector.
+  EXPECT_EQ(m.result.ints(), (std::vector<int64_t>{0, 5}));
+  // The header stays 4 bytes: the block is read as one without a magic.
+  peer.Write(BlockBytes("abc", 0));
+  EXPECT_EQ(Block(r.root, c), "abc");
+  // Sent blocks carry the new magic.
+  EXPECT_EQ(Code(cmdtest::Send(r.root, c, Value::Text("z"))), 0);
+  EXPECT_EQ(peer.Read(9), BlockBytes("z", 5));
 }
 
 }  // namespace
