@@ -22,7 +22,7 @@ class BLKCONNECTION : public CONNECTION {
   SI4 GetRPCProp(PCH1 name, PAA arg, PPAA ppOut) override;
 
   UI4 Count;
-  UI4 Magic;
+  std::atomic<UI4> Magic;  // a host thread may set it while blocks arrive
   UI4 MaxBlockSize;
 };
 typedef BLKCONNECTION* PBLKCONNECTION;

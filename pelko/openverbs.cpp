@@ -117,7 +117,16 @@ SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4 size, UI4 ma
   if (!root) return ERR_ROOT_NOT_FOUND;
   SI4 rc = OpenName(root, name, "SRV%08u");
   if (rc) return rc;
-  if (mode == MUdp) return UdpServer(root, name, port, size, address, prot);
+  if (mode == MUdp) {
+    rc = UdpServer(root, name, port, size, address, prot);
+    // Datagrams are taken from anyone: the ranges have no place to go. On
+    // failure they stay the caller's.
+    if (!rc) {
+      delete allow;
+      delete deny;
+    }
+    return rc;
+  }
   PSERVER s = NewServerOfMode(mode, size, magic, &rc);
   if (!s) return rc;
   LOG(1, ("Server New %p", (void*)s));

@@ -9,6 +9,7 @@
 #include "log.h"
 #include "options.h"
 #include "rawserver.h"
+#include "relay.h"
 #include "work.h"
 
 #define MODULE 0x00000100
@@ -25,24 +26,22 @@ RAWCONNECTION::RAWCONNECTION(UI4 size, OBJMODE mode, PRPCSOCK s)
   pHeader = new BUFFER(size);
 }
 
-RAWCONNECTION::~RAWCONNECTION() {
-  FreeList(pStop);
-  pStop = nullptr;
-}
+RAWCONNECTION::~RAWCONNECTION() { FreeList(pStop.exchange(nullptr)); }
 
-void ReplaceStop(PLIST* held, bool* heldCase, PLIST list, bool ignoreCase) {
-  FreeList(*held);
-  *held = list;
-  if (!list) return;
-  SI4 kept = 0;
-  for (SI4 i = 0; i < list->Count; i++) {
-    if (list->items[i]->len > 0)
-      list->items[kept++] = list->items[i];
-    else
-      free(list->items[i]);
+void ReplaceStop(std::atomic<PLIST>* held, std::atomic<bool>* heldCase, PLIST list,
+                 bool ignoreCase) {
+  if (list) {
+    SI4 kept = 0;
+    for (SI4 i = 0; i < list->Count; i++) {
+      if (list->items[i]->len > 0)
+        list->items[kept++] = list->items[i];
+      else
+        free(list->items[i]);
+    }
+    list->Count = kept;
+    *heldCase = ignoreCase;
   }
-  list->Count = kept;
-  *heldCase = ignoreCase;
+  FreeList(held->exchange(list));
 }
 
 SI4 RAWCONNECTION::SetStop(PLIST list, bool ignoreCase) {
@@ -76,7 +75,17 @@ void RAWCONNECTION::Deliver(PFDSETS fds, UI4 n, OBJSTATE state) {
     delete m;
 }
 
+// A relay set up while this round was under way: the round read into the
+// stream buffer before the relay could take the read position. Those bytes
+// belong to the relay's target, not to the host.
+static PRELAY NewRelay(PHIERAKI pItem) {
+  PHIERAKI r = pItem->FindLeaf("RELAY");
+  return r && r->pObj && r->pObj->Type == TRelay ? (PRELAY)r->pObj : nullptr;
+}
+
 SI4 RAWCONNECTION::HeaderRecv(PFDSETS fds, PHIERAKI pItem) {
+  PRELAY relay = NewRelay(pItem);
+  if (relay) return relay->RelayBuf(pHeader);
   PLIST list = pStop;
   bool ignoreCase = IgnoreCase;
   if (!list) GetParentStop(pItem, &list, &ignoreCase);
@@ -89,6 +98,8 @@ SI4 RAWCONNECTION::HeaderRecv(PFDSETS fds, PHIERAKI pItem) {
 }
 
 SI4 RAWCONNECTION::HeaderComplete(PFDSETS fds, PHIERAKI pItem) {
+  PRELAY relay = NewRelay(pItem);
+  if (relay) return relay->RelayBuf(pHeader);
   if (pStop) {
     SI4 rc = HeaderRecv(fds, pItem);
     if (rc || !pHeader->Complete()) return rc;

@@ -18,8 +18,10 @@ class RAWCONNECTION : public CONNECTION {
 
   UI4 MaxBlockSize;
   UI4 Count;
-  PLIST pStop;
-  bool IgnoreCase;
+  // Set by a host thread while the work thread cuts: the case goes in
+  // before the list is published.
+  std::atomic<PLIST> pStop;
+  std::atomic<bool> IgnoreCase;
 
  private:
   // The list of the server this connection was accepted by, if it has none.
@@ -29,7 +31,8 @@ class RAWCONNECTION : public CONNECTION {
 };
 typedef RAWCONNECTION* PRAWCONNECTION;
 
-// Takes list over, giving back the list it replaces; a null list leaves
-// both as they are. Empty stop texts are dropped from the list: one would
-// match at every place and never consume a byte.
-void ReplaceStop(PLIST* held, bool* heldCase, PLIST list, bool ignoreCase);
+// Takes list over in place of the one held, which is freed; a null list
+// leaves the case as it was. Empty stop texts are dropped from the list: one
+// would match at every place and never consume a byte.
+void ReplaceStop(std::atomic<PLIST>* held, std::atomic<bool>* heldCase, PLIST list,
+                 bool ignoreCase);

@@ -9,10 +9,7 @@ RAWSERVER::RAWSERVER(UI4 size, OBJMODE mode)
   Mode = mode;
 }
 
-RAWSERVER::~RAWSERVER() {
-  FreeList(pStop);
-  pStop = nullptr;
-}
+RAWSERVER::~RAWSERVER() { FreeList(pStop.exchange(nullptr)); }
 
 SI4 RAWSERVER::SetStop(PLIST list, bool ignoreCase) {
   ReplaceStop(&pStop, &IgnoreCase, list, ignoreCase);

@@ -2,6 +2,8 @@
 // every connection it accepts.
 #pragma once
 
+#include <atomic>
+
 #include "server.h"
 
 class RAWSERVER : public SERVER {
@@ -13,7 +15,7 @@ class RAWSERVER : public SERVER {
   SI4 NewConnection(PFDSETS fds, PCH1 name, PRPCSOCK sock) override;
 
   UI4 MaxBlockSize;
-  PLIST pStop;
-  bool IgnoreCase;
+  std::atomic<PLIST> pStop;
+  std::atomic<bool> IgnoreCase;
 };
 typedef RAWSERVER* PRAWSERVER;

@@ -38,8 +38,10 @@ TEST(Raw, StopListsCutTheStreamInOrder) {
   // The peer's close hands up what was held.
   peer.Close();
   EXPECT_EQ(Block(r.root, conn, "BlockLast"), "zz");
-  // No "Closed" follows: the connection ends with its last block.
-  EXPECT_EQ(Wait(r.root, conn, 300).rc, 1010);  // ERR_OBJECT_NOT_FOUND
+  // No "Closed" follows: the connection ends with its last block (the wait
+  // times out, or finds it gone).
+  Event after = Wait(r.root, conn, 300);
+  EXPECT_TRUE(after.rc == 100 || after.rc == 1010) << after.rc << " " << after.event;
 }
 
 TEST(Raw, RawGivesIntegersTextGivesCharacters) {
