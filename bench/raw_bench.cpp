@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "barewait.h"
 #include "host/library.h"
 #include "host/zblock.h"
 
@@ -26,12 +27,18 @@ const size_t kBytes = 64u << 20;
 const int kRuns = 3;
 const int kBlock = 1 << 20;
 
+sockaddr_in Loopback(int port) {
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_port = htons((uint16_t)port);
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return a;
+}
+
 // A listening loopback socket and its port.
 int Listen(int* port) {
   int l = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in a = Loopback(0);
   bind(l, (sockaddr*)&a, sizeof a);
   listen(l, 4);
   socklen_t n = sizeof a;
@@ -42,10 +49,7 @@ int Listen(int* port) {
 
 int Dial(int port) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons((uint16_t)port);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in a = Loopback(port);
   if (connect(fd, (sockaddr*)&a, sizeof a) != 0) abort();
   return fd;
 }
@@ -82,32 +86,22 @@ double Best(F transfer) {
 
 Value Opt(const char* name, Value v) { return Value::Nested({Value::Text(name), std::move(v)}); }
 
+// The library, opened as the interpreter opens it, and one root.
 struct Session {
+  std::unique_ptr<host::Library> owned;
   host::Library& lib;
   std::string root = "RAWBENCH";
-  explicit Session(host::Library& l) : lib(l) {
+  explicit Session(std::unique_ptr<host::Library> l) : owned(std::move(l)), lib(*owned) {
     if (lib.Init(root, lib.path())) abort();
   }
   ~Session() { lib.Call(root, "AClose", Value::Text(".")); }
   int32_t Code(const host::CallResult& r) {
     return (int32_t)(r.result.isNested() ? r.result[0].intAt(0) : r.result.intAt(0));
   }
-  // One wait through the bare export: the event and how many elements its
-  // data had; the data block goes back unread, as a host that only counts.
   std::string Event(const std::string& name, uint64_t* count) {
-    host::ZBlock right = host::Encode(Value::Nested({Value::Text(name), Value::Int(10000)}));
-    host::ZBlock left = host::Encode(Value::Int(0));
-    uint32_t* pr = right.words();
-    uint32_t* pl = left.words();
-    lib.raw().Call((char*)root.c_str(), (char*)"AWaitZ", &pr, &pl);
-    std::optional<Value> v = host::Decode(pr, host::ZBlock(pr, 8).statedLength());
-    lib.raw().FreeUsedOrvaneResult(pr);
-    if (pl != left.words()) {
-      // A vector's record: its one axis stands at byte 24 of the block.
-      *count = (uint64_t)pl[6] | (uint64_t)pl[7] << 32;
-      lib.raw().FreeUsedOrvaneResult(pl);
-    }
-    return v && v->isNested() ? (*v)[2].text() : "";
+    BareEvent e = BareWait(lib, root, name);
+    *count = e.count;
+    return e.event;
   }
 };
 
@@ -178,11 +172,8 @@ double Plain() {
 int main() {
   std::string error;
   std::unique_ptr<host::Library> lib = host::Library::Open(host::FindLibrary(PELKO_BUILT_LIBRARY), &error);
-  if (!lib) {
-    fprintf(stderr, "%s\n", error.c_str());
-    return 1;
-  }
-  Session s(*lib);
+  if (!lib) return fprintf(stderr, "%s\n", error.c_str()), 1;
+  Session s(std::move(lib));
   double plain = Plain();
   double sends = LibrarySends(s);
   double receives = LibraryReceives(s);

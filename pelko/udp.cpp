@@ -33,12 +33,12 @@ SI4 UDPADDR::SetAddr(PCH10 host, PCH10 port, PROTOCOL prot) {
   return rc;
 }
 
+// SendBuffer refuses a peer that isn't connected, and a buffer it refuses
+// (or none, when composing failed) is dropped here.
 SI4 UDPADDR::SendZ(PHIERAKI pItem, PCH10 name, PUI4 z, UI4 size, UI4 flag) {
-  if (State != SConnected) return ERR_CLOSED;
   PBUFFER b = nullptr;
-  SI4 rc = ComposeBuffer(z, size, &b);
-  if (rc) return rc;
-  rc = SendBuffer(pItem, name, b, flag);
+  SI4 rc = State == SConnected ? ComposeBuffer(z, size, &b) : ERR_CLOSED;
+  if (!rc) rc = SendBuffer(pItem, name, b, flag);
   if (rc) delete b;
   return rc;
 }

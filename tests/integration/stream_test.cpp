@@ -14,7 +14,7 @@ struct Roots {
   ~Roots() { Lib().Call(root, "AClose", Value::Text(".")); }
 };
 
-// An accepted peer of server S, and the connection's name.
+// A peer accepted by server S, and the connection's name.
 std::string Accept(const std::string& root, Tcp* peer, int port) {
   *peer = Tcp::To(port);
   Event e = Wait(root, "S", 3000);
@@ -22,11 +22,22 @@ std::string Accept(const std::string& root, Tcp* peer, int port) {
   return e.name;
 }
 
+// A listener "S" of the mode, and a peer it accepted.
+std::string Served(const std::string& root, const char* mode, std::vector<Value> opts, Tcp* peer) {
+  return Accept(root, peer, Serve(root, "S", mode, std::move(opts)));
+}
+
+// The peer writes, and the host's next block on conn is expected.
+void Cut(const std::string& root, const std::string& conn, Tcp& peer, const std::string& write,
+         const std::string& block) {
+  peer.Write(write);
+  EXPECT_EQ(Block(root, conn), block);
+}
+
 TEST(Raw, StopListsCutTheStreamInOrder) {
   Roots r("RawStop");
-  int port = Serve(r.root, "S", "raw", {Opt("EOM", Strings({"\r\n", "END"}))});
   Tcp peer;
-  std::string conn = Accept(r.root, &peer, port);
+  std::string conn = Served(r.root, "raw", {Opt("EOM", Strings({"\r\n", "END"}))}, &peer);
   peer.Write("ab\r");
   peer.Write("\ncd");
   EXPECT_EQ(Block(r.root, conn), "ab\r\n");
@@ -46,17 +57,15 @@ TEST(Raw, StopListsCutTheStreamInOrder) {
 
 TEST(Raw, RawGivesIntegersTextGivesCharacters) {
   Roots r("RawTypes");
-  int raw = Serve(r.root, "S", "raw");
   Tcp peer;
-  std::string conn = Accept(r.root, &peer, raw);
+  std::string conn = Served(r.root, "raw", {}, &peer);
   peer.Write(std::string("\x00\xff\x41", 3));
   Event e = Wait(r.root, conn, 3000);
   EXPECT_EQ(e.event, "Block");
   EXPECT_FALSE(e.data.isText());
   EXPECT_EQ(e.data.ints(), (std::vector<int64_t>{0, 255, 65}));
   // Without a stop list each read is a block of its own.
-  peer.Write("de");
-  EXPECT_EQ(Block(r.root, conn), "de");
+  Cut(r.root, conn, peer, "de", "de");
   peer.Close();
   e = Wait(r.root, conn, 3000);
   EXPECT_EQ(e.event, "BlockLast");
@@ -95,25 +104,19 @@ TEST(Raw, CaseAndInheritedListsAndBlockSize) {
   EXPECT_EQ(Block(r.root, c, "BlockLast"), "ccccc");
 
   // A list inherited from the server: a full buffer goes up uncut.
-  int port = Serve(r.root, "S", "raw", {Opt("EOM", Strings({"X"})), Opt("BufferSize", Value::Int(10))});
   Tcp in;
-  std::string conn = Accept(r.root, &in, port);
-  in.Write("aaXaaaaaaa");
-  EXPECT_EQ(Block(r.root, conn), "aaXaaaaaaa");
-  in.Write("bX");
-  EXPECT_EQ(Block(r.root, conn), "bX");
+  std::string conn = Served(r.root, "raw", {Opt("EOM", Strings({"X"})), Opt("BufferSize", Value::Int(10))}, &in);
+  Cut(r.root, conn, in, "aaXaaaaaaa", "aaXaaaaaaa");
+  Cut(r.root, conn, in, "bX", "bX");
 }
 
 TEST(Raw, EmptyStopTextsAreDropped) {
   Roots r("RawEmpty");
   // An empty text would match everywhere and consume nothing.
-  int port = Serve(r.root, "S", "raw", {Opt("EOM", Strings({"", "\n"}))});
   Tcp peer;
-  std::string conn = Accept(r.root, &peer, port);
-  peer.Write("a\nb");
-  EXPECT_EQ(Block(r.root, conn), "a\n");
-  peer.Write("\n");
-  EXPECT_EQ(Block(r.root, conn), "b\n");
+  std::string conn = Served(r.root, "raw", {Opt("EOM", Strings({"", "\n"}))}, &peer);
+  Cut(r.root, conn, peer, "a\nb", "a\n");
+  Cut(r.root, conn, peer, "\n", "b\n");
 }
 
 TEST(Raw, StopListOnWrongModeFailsAndLeavesTheListener) {

@@ -92,14 +92,18 @@ class Tcp {
   int fd_;
 };
 
+// A socket of the type bound to an ephemeral loopback port.
+inline int Bound(int type) {
+  int fd = socket(AF_INET, type, 0);
+  sockaddr_in a = Loopback(0);
+  EXPECT_EQ(bind(fd, (sockaddr*)&a, sizeof a), 0);
+  return fd;
+}
+
 // A loopback listener on an ephemeral port.
 class Listener {
  public:
-  Listener() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in a = Loopback(0);
-    EXPECT_EQ(bind(fd_, (sockaddr*)&a, sizeof a), 0);
-    EXPECT_EQ(listen(fd_, 4), 0);
-  }
+  Listener() : fd_(Bound(SOCK_STREAM)) { EXPECT_EQ(listen(fd_, 4), 0); }
   ~Listener() { close(fd_); }
   int port() const { return BoundPort(fd_); }
   Tcp Accept(int ms = 2000) {
@@ -115,10 +119,7 @@ class Listener {
 // A datagram end bound to an ephemeral loopback port.
 class Udp {
  public:
-  Udp() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
-    sockaddr_in a = Loopback(0);
-    EXPECT_EQ(bind(fd_, (sockaddr*)&a, sizeof a), 0);
-  }
+  Udp() : fd_(Bound(SOCK_DGRAM)) {}
   ~Udp() { close(fd_); }
   int port() const { return BoundPort(fd_); }
   void SendTo(int port, const std::string& bytes) {
