@@ -222,6 +222,19 @@ SI4 UDP::Check(PFDSETS fds) {
   return 0;
 }
 
+static PHIERAKI CountUnclaimed(PHIERAKI h, void* count) {
+  if (h->pObj && h->pObj->State == SAPL) ++*(SI4*)count;
+  return nullptr;
+}
+
+// Datagrams the host hasn't taken yet. Taken ones stay children until the
+// next round deletes them, and don't count.
+static SI4 Unclaimed(PHIERAKI peer) {
+  SI4 n = 0;
+  peer->LoopSub(CountUnclaimed, &n);
+  return n;
+}
+
 void UDP::Receive(PFDSETS fds) {
   TALSOCKADDR from = {};
   UI4 before = pBuf->Offset;
@@ -231,7 +244,7 @@ void UDP::Receive(PFDSETS fds) {
   if (!peer) return;
   PUDPADDR p = (PUDPADDR)peer->pObj;
   SI4 old = MaxOld;
-  if (old && peer->CountChildren() > old) {
+  if (old && Unclaimed(peer) > old) {
     // The dropped datagram stays in the buffer and goes up with the next
     // one; a buffer filled that way starts again, so it never stalls.
     if (pBuf->Complete()) pBuf->Rewind();

@@ -69,6 +69,29 @@ TEST(Udp, MaxOldDropsIntoTheNextDatagram) {
   Lib().Call(root, "AClose", Value::Text("."));
 }
 
+TEST(Udp, DroppedDatagramsThatFillTheBufferDontStallIt) {
+  std::string root = pelkotest::NewRoot("UdpFull");
+  int port = Serve(root, "U", "udp", {Opt("Protocol", Value::Text("ipv4")), Opt("BufferSize", Value::Int(8))});
+  EXPECT_EQ(cmdtest::SetProp(root, "U", "MaxOld", Value::Int(1)), 0);
+  Udp a;
+  // Longer than the buffer: the system cuts it.
+  a.SendTo(port, "0123456789");
+  EXPECT_EQ(Bytes(Wait(root, "U", 3000).data), "01234567");
+  a.SendTo(port, "d1");
+  a.SendTo(port, "d2");
+  usleep(100000);
+  // Two dropped datagrams fill the buffer; it starts again for the next.
+  for (const char* d : {"aaaa", "bbbb", "cc"}) {
+    a.SendTo(port, d);
+    usleep(50000);
+  }
+  EXPECT_EQ(Bytes(Wait(root, "U", 3000).data), "d1");
+  EXPECT_EQ(Bytes(Wait(root, "U", 3000).data), "d2");
+  a.SendTo(port, "dd");
+  EXPECT_EQ(Bytes(Wait(root, "U", 3000).data), "ccdd");
+  Lib().Call(root, "AClose", Value::Text("."));
+}
+
 TEST(Udp, ClientNamesItsPeer) {
   std::string root = pelkotest::NewRoot("UdpClt");
   Udp far;
