@@ -235,20 +235,21 @@ static SI4 Unclaimed(PHIERAKI peer) {
   return n;
 }
 
-void UDP::Receive(PFDSETS fds) {
+bool UDP::Receive(PFDSETS fds) {
   TALSOCKADDR from = {};
   UI4 before = pBuf->Offset;
-  if (pSocket->RecvFrom(pBuf, &from) || pBuf->Offset == before) return;
+  if (pSocket->RecvFrom(pBuf, &from)) return false;
+  if (pBuf->Offset == before) return true;
   char name[UDP_NAMELEN];
   PHIERAKI peer = PeerNode(fds->pItem, &from, name);
-  if (!peer) return;
+  if (!peer) return true;
   PUDPADDR p = (PUDPADDR)peer->pObj;
   SI4 old = MaxOld;
   if (old && Unclaimed(peer) > old) {
     // The dropped datagram stays in the buffer and goes up with the next
     // one; a buffer filled that way starts again, so it never stalls.
     if (pBuf->Complete()) pBuf->Rewind();
-    return;
+    return true;
   }
   PBUFFER b = pBuf->Take(pBuf->Offset);
   pBuf->Rewind();
@@ -262,6 +263,7 @@ void UDP::Receive(PFDSETS fds) {
     m->Ready4Apl(h);
   else
     delete m;
+  return true;
 }
 
 void UDP::SendStep() {
@@ -292,7 +294,8 @@ SI4 UDP::Execute(PFDSETS fds) {
     return 0;
   }
   if (!pSocket) return 0;
-  if (pSocket->Ready4R(&fds->ss)) Receive(fds);
+  // A failed receive ends the round for this socket.
+  if (pSocket->Ready4R(&fds->ss) && !Receive(fds)) return 0;
   if (pWrite && phWrite && pSocket->Ready4W(&fds->ss)) SendStep();
   return 0;
 }

@@ -53,7 +53,8 @@ class UDP : public RPCOBJS {
   std::atomic<SI4> MaxOld;
 
  private:
-  void Receive(PFDSETS fds);
+  // False when the socket failed.
+  bool Receive(PFDSETS fds);
   void SendStep();
 };
 typedef UDP* PUDP;
