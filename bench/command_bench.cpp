@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "barewait.h"
 #include "host/library.h"
 #include "host/zblock.h"
 
@@ -130,19 +131,9 @@ struct Roots {
     lib.Call(clt, "AClose", Value::Text("."));
     lib.Call(srv, "AClose", Value::Text("."));
   }
-  // A wait through the bare export: event and object name; the data block
-  // is given back unread, as a host that only counts would do.
   std::pair<std::string, std::string> Event(const std::string& root, const std::string& name) {
-    host::ZBlock right = host::Encode(Value::Nested({Value::Text(name), Value::Int(10000)}));
-    host::ZBlock left = host::Encode(Value::Int(0));
-    uint32_t* pr = right.words();
-    uint32_t* pl = left.words();
-    lib.raw().Call((char*)root.c_str(), (char*)"AWaitZ", &pr, &pl);
-    std::optional<Value> v = host::Decode(pr, host::ZBlock(pr, 8).statedLength());
-    lib.raw().FreeUsedOrvaneResult(pr);
-    if (pl != left.words()) lib.raw().FreeUsedOrvaneResult(pl);
-    if (!v || !v->isNested()) return {"", ""};
-    return {(*v)[2].text(), (*v)[1].text()};
+    BareEvent e = BareWait(lib, root, name);
+    return {e.event, e.name};
   }
   void Dyadic(const std::string& root, const char* verb, host::ZBlock& left, const std::string& name, int flag) {
     host::ZBlock right = host::Encode(Value::Nested({Value::Text(name), Value::Int(flag)}));

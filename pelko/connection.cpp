@@ -9,6 +9,7 @@
 #include "command.h"
 #include "log.h"
 #include "pelkoerr.h"
+#include "relay.h"
 #include "root.h"
 #include "security.h"
 #include "verbresult.h"
@@ -219,6 +220,10 @@ SI4 CONNECTION::ReadStep(PFDSETS fds, PHIERAKI self) {
   }
   LOG(1, ("Receiving %s bytes remaining %d", pRead ? phRead->Name : "Header", b->Remaining()));
   if (!pRead) return b->Complete() ? HeaderComplete(fds, self) : HeaderRecv(fds, self);
+  if (phRead->pObj->Type == TRelay) {
+    SI4 relayed = ((PRELAY)phRead->pObj)->RelayBuf(pHeader);
+    if (relayed) return relayed;
+  }
   if (!b->Complete()) return ReadRecv(fds, phRead);
   LOG(1, ("Command received, %s", phRead->Name));
   return ReadComplete(fds, phRead);

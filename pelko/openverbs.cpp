@@ -7,11 +7,16 @@
 #include <strings.h>
 
 #include "certdata.h"
+#include "blkconnection.h"
+#include "blkserver.h"
 #include "cmdconnection.h"
 #include "log.h"
 #include "options.h"
 #include "pelkoerr.h"
+#include "rawconnection.h"
+#include "rawserver.h"
 #include "root.h"
+#include "udp.h"
 #include "verbresult.h"
 #include "verbs.h"
 
@@ -21,21 +26,24 @@
 #define RANGE_KINDLEN 20
 #define RANGE_LISTLEN 1024
 
-// Only command mode is built so far; the other modes' classes take their
-// place in these two tables as they come, and answer ERR_NONCE until then.
-static PSERVER NewServerOfMode(OBJMODE mode, SI4* rc) {
+// The classes by mode. UDP has its own path in Server and Client.
+static PSERVER NewServerOfMode(OBJMODE mode, UI4 size, UI4 magic, SI4* rc) {
   *rc = 0;
   switch (mode) {
     case MCommand: return new CMDSERVER();
+    case MRaw: case MAscii: return new RAWSERVER(size, mode);
+    case MBlkRaw: case MBlkAscii: return new BLKSERVER(magic, size, mode);
     case MWebSocket: *rc = ERR_NEW; return nullptr;
     default: *rc = ERR_NONCE; return nullptr;
   }
 }
 
-static PCONNECTION NewClientOfMode(OBJMODE mode, SI4* rc) {
+static PCONNECTION NewClientOfMode(OBJMODE mode, UI4 size, UI4 magic, SI4* rc) {
   *rc = 0;
   switch (mode) {
-    case MRaw: case MAscii: case MBlkRaw: case MBlkAscii: case MHttp: case MUdp:
+    case MRaw: case MAscii: return new RAWCONNECTION(size, mode);
+    case MBlkRaw: case MBlkAscii: return new BLKCONNECTION(magic, size, mode);
+    case MHttp:
       *rc = ERR_NONCE;
       return nullptr;
     default:
@@ -56,13 +64,70 @@ static PROTOCOL Protocol(PHIERAKI root, PROTOCOL prot) {
   return prot == PAny ? ((PROOT)root->pObj)->DefProt : prot;
 }
 
-SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4, UI4, PCERTDATA cert,
-           PCH10 address, PROTOCOL prot, PRANGES allow, PRANGES deny) {
+// A UDP object takes the place of a listener; its bind may fail and leave
+// it without a socket, which only its LocalAddr shows.
+static SI4 UdpServer(PHIERAKI root, PCH10 name, PCH10 port, UI4 size, PCH10 address,
+                     PROTOCOL prot) {
+  PUDP u = new UDP(size);
+  u->Bind(address, port, Protocol(root, prot));
+  if (!root->AddNew(name, u)) {
+    delete u;
+    return ERR_NAME_IN_USE;
+  }
+  LOG(1, ("UDP added"));
+  Dirty(root);
+  LOG(1, ("Worker notified"));
+  return 0;
+}
+
+// The client side of UDP: an unbound socket, and the one peer named, whose
+// node name is added to the caller's name.
+static SI4 UdpClient(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, UI4 size,
+                     PROTOCOL prot) {
+  PUDP u = new UDP(size);
+  prot = Protocol(root, prot);
+  SI4 rc = u->Init(prot);
+  PHIERAKI h = rc ? nullptr : root->AddNew(name, u);
+  if (!h) {
+    delete u;
+    return rc ? rc : ERR_NAME_IN_USE;
+  }
+  PUDPADDR peer = new UDPADDR();
+  rc = peer->SetAddr(address, port, prot);
+  char part[UDP_NAMELEN];
+  UDP::Name(part, peer->GetAddr());
+  if (!h->AddNew(part, peer)) {
+    delete peer;
+    if (!rc) rc = ERR_NAME_IN_USE;
+  }
+  // The caller's buffer has room behind a name of a node's length.
+  if (strlen(name) + 1 + strlen(part) < OPEN_NAMELEN + AUTONAME_ROOM) {
+    strcat(name, ".");
+    strcat(name, part);
+  }
+  LOG(1, ("UDP added"));
+  Dirty(root);
+  LOG(1, ("Worker notified"));
+  return rc;
+}
+
+SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4 size, UI4 magic,
+           PCERTDATA cert, PCH10 address, PROTOCOL prot, PRANGES allow, PRANGES deny) {
   LOG(1, ("Server called %s %s", name, port ? port : ""));
   if (!root) return ERR_ROOT_NOT_FOUND;
   SI4 rc = OpenName(root, name, "SRV%08u");
   if (rc) return rc;
-  PSERVER s = NewServerOfMode(mode, &rc);
+  if (mode == MUdp) {
+    rc = UdpServer(root, name, port, size, address, prot);
+    // Datagrams are taken from anyone: the ranges have no place to go. On
+    // failure they stay the caller's.
+    if (!rc) {
+      delete allow;
+      delete deny;
+    }
+    return rc;
+  }
+  PSERVER s = NewServerOfMode(mode, size, magic, &rc);
   if (!s) return rc;
   LOG(1, ("Server New %p", (void*)s));
   s->Mode = mode;
@@ -88,13 +153,14 @@ SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4, UI4, PCERTD
   return rc;
 }
 
-SI4 Client(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, PCH10, OBJMODE mode, UI4, UI4,
-           PCERTDATA cert, PROTOCOL prot) {
+SI4 Client(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, PCH10, OBJMODE mode, UI4 size,
+           UI4 magic, PCERTDATA cert, PROTOCOL prot) {
   LOG(1, ("Client called %s %s %s", name, address ? address : "", port ? port : ""));
   if (!root) return ERR_ROOT_NOT_FOUND;
   SI4 rc = OpenName(root, name, "CLT%08u");
   if (rc) return rc;
-  PCONNECTION c = NewClientOfMode(mode, &rc);
+  if (mode == MUdp) return UdpClient(root, name, address, port, size, prot);
+  PCONNECTION c = NewClientOfMode(mode, size, magic, &rc);
   if (!c) return rc;
   c->Mode = mode == MWebSocket ? MCommand : mode;
   c->pCert = cert;
@@ -188,8 +254,20 @@ static SI4 StopList(PHIERAKI root, PAA arg, OPENARGS* a) {
   if (!rc) rc = GetBool(arg, COIgnoreCase, COMAX, PelkoOptionNames, 1, &ignoreCase);
   if (!rc && list) {
     PHIERAKI h = root->FindLeaf(a->name);
-    if (!h || !h->pObj) rc = ERR_OBJECT_NOT_FOUND;
-    else rc = a->mode == MRaw || a->mode == MAscii ? ERR_NONCE : ERR_INVALID_OBJECT;
+    PRPCOBJS o = h ? h->pObj : nullptr;
+    if (!o) {
+      rc = ERR_OBJECT_NOT_FOUND;
+    } else if (a->mode != MRaw && a->mode != MAscii) {
+      rc = ERR_INVALID_OBJECT;
+    } else if (o->Type == TServer) {
+      rc = ((PRAWSERVER)o)->SetStop(list, ignoreCase != 0);
+      list = nullptr;
+    } else if (o->Type == TClient || o->Type == TConnection) {
+      rc = ((PRAWCONNECTION)o)->SetStop(list, ignoreCase != 0);
+      list = nullptr;
+    } else {
+      rc = ERR_INVALID_OBJECT;
+    }
   }
   FreeList(list);
   return rc;

@@ -8,7 +8,6 @@
 #include "root.h"
 #include "verbs.h"
 
-PAA ASetRelay(PHIERAKI, PAA) { return VARc(ERR_NONCE); }
 PAA ACerts(PHIERAKI, PAA) { return VARc(ERR_NONCE); }
 
 // Exports whose machinery is not built yet.

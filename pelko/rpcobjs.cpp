@@ -84,6 +84,13 @@ SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4, PBUFFER* ppOut) {
   *ppOut = nullptr;
   PAA pAA = UnpackZ(z);
   if (!pAA) return ERR_ARCHITECTURE;
+  SI4 rc = ComposeArray(pAA, ppOut);
+  VAFree(pAA);
+  return rc;
+}
+
+SI4 RPCOBJS::ComposeArray(PAA pAA, PBUFFER* ppOut) {
+  *ppOut = nullptr;
   PUI1 data = nullptr;
   UI4 size = 0;
   SI4 rc = 0;
@@ -106,7 +113,6 @@ SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4, PBUFFER* ppOut) {
     if (!rc) rc = ComposeBuffer(data, size, -1, ppOut);
   }
   free(data);
-  VAFree(pAA);
   return rc;
 }
 
