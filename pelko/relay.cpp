@@ -63,6 +63,13 @@ SI4 RELAY::Execute(PFDSETS) {
   return 0;
 }
 
+// A target whose socket has closed, or that is on its way out, takes no
+// more pieces: whether it is still in the tree then depends only on when
+// the work thread gets to deleting it.
+static bool CanTake(OBJSTATE s) {
+  return s != SSocketClosed && s != SFinished && s != SMarkedForDeletion && s != SError;
+}
+
 SI4 RELAY::RelayBufferInt(PBUFFER buf) {
   UI4 n = buf->Offset;
   buf->Rewind();
@@ -79,7 +86,7 @@ SI4 RELAY::RelayBufferInt(PBUFFER buf) {
   char name[MAXNAMELENGTH + 1];
   snprintf(name, sizeof(name), "Bytes%010u", Bytes);
   PHIERAKI target = pRootNode->FindLeaf(pToName);
-  if (!target || !target->pObj) {
+  if (!target || !target->pObj || !CanTake(target->pObj->State)) {
     delete m;
     return ERR_SEND;
   }
