@@ -153,6 +153,14 @@ PAA Data2pAA(char* data, UI4 length, VATYPES type) {
   return p;
 }
 
+void PartEvent(PHIERAKI pItem, PCH1 event, bool last) {
+  size_t i = 0;
+  while (i < MAXNAMELENGTH && pItem->Name[i] && (pItem->Name[i] < '0' || pItem->Name[i] > '9')) i++;
+  memcpy(event, pItem->Name, i);
+  event[i] = 0;
+  if (last) strcat(event, "Last");
+}
+
 SI4 MESSAGE::GetWaitReturns(PHIERAKI pItem, PCH1 name, PCH1 event, OBJSTATE*, PUI4* ppZ) {
   if (LastState == SError || LastState == SSent) {
     OBJSTATE next = SFinished;
@@ -161,12 +169,7 @@ SI4 MESSAGE::GetWaitReturns(PHIERAKI pItem, PCH1 name, PCH1 event, OBJSTATE*, PU
   pItem->FullName(name, 198);
   bool last = LastState == SAPLLast;
   if (Mode == MHttp) {
-    // The event is the node's name up to its first digit.
-    size_t i = 0;
-    while (i < MAXNAMELENGTH && pItem->Name[i] && (pItem->Name[i] < '0' || pItem->Name[i] > '9')) i++;
-    memcpy(event, pItem->Name, i);
-    event[i] = 0;
-    if (last) strcat(event, "Last");
+    PartEvent(pItem, event, last);
   } else {
     strcpy(event, eventname[last ? EBlockLast : EBlock]);
   }

@@ -52,6 +52,10 @@ class PROGRESS : public MESSAGE {
 // host without Unicode), VAI2 widens each byte. Other types give null.
 PAA Data2pAA(char* data, UI4 length, VATYPES type);
 
+// The event of an HTTP part: its node's name up to the first digit, with
+// "Last" behind it for the last block of a connection.
+void PartEvent(PHIERAKI pItem, PCH1 event, bool last);
+
 // A received payload as a block from malloc, which passes to the host:
 // the buffer's own block when it can be handed over, else a copy.
 PUI4 PayloadZ(PBUFFER pBuf);

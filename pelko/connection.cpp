@@ -141,9 +141,9 @@ SI4 CONNECTION::SendBuffer(PHIERAKI pItem, PCH10 name, PBUFFER pBuffer, UI4 flag
 SI4 CONNECTION::SendZ(PHIERAKI pItem, PCH10 name, PUI4 z, UI4 size, UI4 flag) {
   if (State != SConnected) return ERR_CLOSED;
   PBUFFER b = nullptr;
+  // A compose step may leave a buffer behind with its failure.
   SI4 rc = ComposeBuffer(z, size, &b);
-  if (rc) return rc;
-  rc = SendBuffer(pItem, name, b, flag);
+  if (!rc) rc = SendBuffer(pItem, name, b, flag);
   if (rc) delete b;
   return rc;
 }

@@ -10,6 +10,8 @@
 #include "blkconnection.h"
 #include "blkserver.h"
 #include "cmdconnection.h"
+#include "httpconnection.h"
+#include "httpserver.h"
 #include "log.h"
 #include "options.h"
 #include "pelkoerr.h"
@@ -33,6 +35,7 @@ static PSERVER NewServerOfMode(OBJMODE mode, UI4 size, UI4 magic, SI4* rc) {
     case MCommand: return new CMDSERVER();
     case MRaw: case MAscii: return new RAWSERVER(size, mode);
     case MBlkRaw: case MBlkAscii: return new BLKSERVER(magic, size, mode);
+    case MHttp: return new HTTPSERVER(size, mode);
     case MWebSocket: *rc = ERR_NEW; return nullptr;
     default: *rc = ERR_NONCE; return nullptr;
   }
@@ -43,9 +46,7 @@ static PCONNECTION NewClientOfMode(OBJMODE mode, UI4 size, UI4 magic, SI4* rc) {
   switch (mode) {
     case MRaw: case MAscii: return new RAWCONNECTION(size, mode);
     case MBlkRaw: case MBlkAscii: return new BLKCONNECTION(magic, size, mode);
-    case MHttp:
-      *rc = ERR_NONCE;
-      return nullptr;
+    case MHttp: return new HTTPCONNECTION(size, mode);
     default:
       return new CMDCONNECTION();
   }

@@ -36,6 +36,3 @@ SI4 GetCert(PAA arg, PCERTDATA* out) {
 }
 
 void FreeCert(PCERTDATA) {}
-
-// The HTTP date of the compose side.
-SI4 HttpDate(PCH1, SI4) { return ERR_NONCE; }

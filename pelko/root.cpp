@@ -8,6 +8,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "httpconnection.h"
 #include "options.h"
 #include "log.h"
 #include "pelkoerr.h"
@@ -313,8 +314,8 @@ SI4 ROOT::GetRPCProp(PCH1 name, PAA arg, PPAA out) {
     rc = Give(VAText(text), out);
   } else if (strcasecmp(name, "HttpDate") == 0) {
     text[0] = 0;
-    rc = HttpDate(text, 80);
-    if (!rc) rc = Give(VAText(text), out);
+    HttpDate(text, 80);
+    rc = Give(VAText(text), out);
   } else if (strcasecmp(name, "RootCertDir") == 0) {
     rc = pCertRootDir ? Give(VAText(pCertRootDir), out) : ERR_OPTION;
   } else if (strcasecmp(name, "ReadyStrategy") == 0) {

@@ -77,5 +77,4 @@ PHIERAKI FindReadyTnc(PHIERAKI h, PHIERAKI* out);
 // built elsewhere; the root's properties reach them.
 SI4 CacheNewRoot(PVOID pRootCerts, PCH1 dir);
 SI4 GetSecurity(PCH1 buf, SI4 size);
-SI4 HttpDate(PCH1 buf, SI4 size);
 SI4 DecodeCert(PAA arg, PPAA out);
