@@ -189,8 +189,17 @@ static PHIERAKI SetDecodeCon(PHIERAKI h, void* flags) {
 
 SI4 HTTPCONNECTION::SetDecodeBuffers(PHIERAKI pItem, UI4 flags) {
   DecodeBuffers = flags;
-  pItem->LoopSub(SetDecodeCon, &flags);
+  PHIERAKI self = OwnNode(pItem, this);
+  if (self) self->LoopSub(SetDecodeCon, &flags);
   return 0;
+}
+
+static PHIERAKI HoldsObject(PHIERAKI h, void* obj) {
+  return h->pObj == obj ? h : h->LoopSub(HoldsObject, obj);
+}
+
+PHIERAKI OwnNode(PHIERAKI pItem, PRPCOBJS obj) {
+  return pItem->pObj == obj ? pItem : pItem->LoopSub(HoldsObject, obj);
 }
 
 SI4 HTTPCONNECTION::SetRPCProp(PHIERAKI pItem, PCH1 name, PAA value) {

@@ -53,6 +53,11 @@ class HTTPCONNECTION : public CONNECTION {
 };
 typedef HTTPCONNECTION* PHTTPCONNECTION;
 
+// The node below pItem (or pItem itself) that holds obj. Properties are set
+// with the root as the node, while their flags go to the object's own
+// children.
+PHIERAKI OwnNode(PHIERAKI pItem, PRPCOBJS obj);
+
 // The header tests: the first place the name stands, anywhere and in any
 // case; blanks behind it skipped; the field is the rest of that line.
 // isHdr: the whole field equals value, ignoring case. isHdrM: one of its

@@ -40,6 +40,7 @@ SI4 HTTPSERVER::SetRPCProp(PHIERAKI pItem, PCH1 name, PAA value) {
   }
   UI4 flags = (UI4)v;
   DecodeBuffers = flags;
-  pItem->LoopSub(SetDecodeSrv, &flags);
+  PHIERAKI self = OwnNode(pItem, this);
+  if (self) self->LoopSub(SetDecodeSrv, &flags);
   return 0;
 }
