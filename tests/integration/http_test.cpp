@@ -410,3 +410,48 @@ TEST(HttpReceiveDeathTest, UnallocatableSizeEndsOnlyItsConnection) {
 #endif
 
 }  // namespace
+
+namespace {
+
+// Both ends in the library: a request composed by one root is decoded by
+// the other, and the answer, a file and then chunks, comes back decoded.
+TEST(HttpBothSides, RequestAndAnswersBetweenTwoRoots) {
+  Roots server("HttpPairS"), client("HttpPairC");
+  std::string c = Open(client.root, "C", "http", Serve(server.root, "S", "http"));
+  Event accepted = Wait(server.root, "S", 3000);
+  ASSERT_EQ(accepted.event, "Connect");
+  const std::string conn = accepted.name;
+  EXPECT_EQ(cmdtest::SetProp(server.root, conn, "DecodeBuffers", Value::Int(1 | 8)), 0);
+  EXPECT_EQ(cmdtest::SetProp(client.root, c, "DecodeBuffers", Value::Int(1 | 2 | 4 | 8)), 0);
+
+  ASSERT_EQ(Code(cmdtest::Send(client.root, c,
+                               Value::Nested({Value::Text("POST"), Value::Text("/echo"), Value::Text("HTTP/1.1"),
+                                              Rows({{"Host", "localhost"}}), Value::Text("ping")}))),
+            0);
+  Event h = Wait(server.root, conn, 3000);
+  ASSERT_EQ(h.event, "HTTPHeader");
+  EXPECT_EQ(h.data[1].text(), "/echo");
+  EXPECT_EQ(RowsOf(h.data[3]), (std::vector<std::pair<std::string, std::string>>{{"Host", "localhost"}, {"Content-Length", "4"}}));
+  EXPECT_EQ(Wait(server.root, conn, 3000).data, Value::Text("ping"));
+
+  const std::string file = TempFile("file body");
+  ASSERT_EQ(Code(cmdtest::Send(server.root, conn, Value::Nested({Value::Text("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n"), Value::Text(file)}))), 0);
+  h = Wait(client.root, c, 3000);
+  ASSERT_EQ(h.event, "HTTPHeader");
+  EXPECT_EQ(h.data[0].text() + " " + h.data[1].text() + " " + h.data[2].text(), "HTTP/1.1 200 OK");
+  EXPECT_EQ(Wait(client.root, c, 3000).data, Value::Text("file body"));
+  unlink(file.c_str());
+
+  for (const Value& v : {Value::Text("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"),
+                         Value::Nested({Value::Text("first"), Rows({})}), Value::Nested({Value::Text("second"), Rows({})}),
+                         Value::Nested({Value::Text(""), Rows({{"Done", "yes"}})})})
+    ASSERT_EQ(Code(cmdtest::Send(server.root, conn, v)), 0);
+  EXPECT_EQ(Wait(client.root, c, 3000).event, "HTTPHeader");
+  EXPECT_EQ(Wait(client.root, c, 3000).data[0], Value::Text("first"));
+  EXPECT_EQ(Wait(client.root, c, 3000).data[0], Value::Text("second"));
+  Event t = Wait(client.root, c, 3000);
+  EXPECT_EQ(t.event, "HTTPTrailer");
+  EXPECT_EQ(RowsOf(t.data), (std::vector<std::pair<std::string, std::string>>{{"Done", "yes"}}));
+}
+
+}  // namespace
