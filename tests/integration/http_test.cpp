@@ -17,12 +17,6 @@ namespace {
 
 using namespace streamtest;
 
-struct Roots {
-  std::string root;
-  explicit Roots(const char* stem) : root(pelkotest::NewRoot(stem)) {}
-  ~Roots() { Lib().Call(root, "AClose", Value::Text(".")); }
-};
-
 // An HTTP listener "S" and one peer it accepted.
 struct Served {
   Roots r;

@@ -8,12 +8,6 @@ namespace {
 
 using namespace streamtest;
 
-struct Roots {
-  std::string root;
-  explicit Roots(const char* stem) : root(pelkotest::NewRoot(stem)) {}
-  ~Roots() { Lib().Call(root, "AClose", Value::Text(".")); }
-};
-
 // A peer accepted by server S, and the connection's name.
 std::string Accept(const std::string& root, Tcp* peer, int port) {
   *peer = Tcp::To(port);

@@ -92,6 +92,13 @@ class Tcp {
   int fd_;
 };
 
+// A root for one test, closed with it.
+struct Roots {
+  std::string root;
+  explicit Roots(const char* stem) : root(pelkotest::NewRoot(stem)) {}
+  ~Roots() { Lib().Call(root, "AClose", Value::Text(".")); }
+};
+
 // A socket of the type bound to an ephemeral loopback port.
 inline int Bound(int type) {
   int fd = socket(AF_INET, type, 0);
