@@ -242,7 +242,7 @@ TEST(HttpDecode, BodiesAsIntegersOrCharactersAndEmptyTrailers) {
   Served s("HttpBody");
   // Flags set on the listener reach the connection it already has.
   EXPECT_EQ(cmdtest::SetProp(s.r.root, "S", "DecodeBuffers", Value::Int(0x01000000 | 8 | 2)), 0);
-  s.peer.Write(std::string("PUT / HTTP/1.1\r\nContent-Length: 2\r\n\r\n\xc8\n", 43));
+  s.peer.Write("PUT / HTTP/1.1\r\nContent-Length: 2\r\n\r\n\xc8\n");
   EXPECT_EQ(Wait(s.r.root, s.conn, 3000).event, "HTTPHeader");
   Event body = Wait(s.r.root, s.conn, 3000);
   EXPECT_EQ(body.data.ints(), (std::vector<int64_t>{200, 10}));
