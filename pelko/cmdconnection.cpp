@@ -79,7 +79,7 @@ static bool NodeName(PCH1 name) { return *name && !strchr(name, '.'); }
 static PCOMMAND Awaiting(PHIERAKI pItem, PCH1 name) {
   PHIERAKI h = NodeName(name) ? pItem->FindLeaf(name) : nullptr;
   if (!h || !h->pObj || h->pObj->Type != TCommand) return nullptr;
-  PCOMMAND c = (PCOMMAND)h->pObj;
+  PCOMMAND c = (PCOMMAND)(PRPCOBJS)h->pObj;
   OBJSTATE s = c->State;
   return c->pSend && !c->pRecv && (s == SProcessing || s == SSent) ? c : nullptr;
 }

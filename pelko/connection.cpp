@@ -221,7 +221,7 @@ SI4 CONNECTION::ReadStep(PFDSETS fds, PHIERAKI self) {
   LOG(1, ("Receiving %s bytes remaining %d", pRead ? phRead->Name : "Header", b->Remaining()));
   if (!pRead) return b->Complete() ? HeaderComplete(fds, self) : HeaderRecv(fds, self);
   if (phRead->pObj->Type == TRelay) {
-    SI4 relayed = ((PRELAY)phRead->pObj)->RelayBuf(pHeader);
+    SI4 relayed = ((PRELAY)(PRPCOBJS)phRead->pObj)->RelayBuf(pHeader);
     if (relayed) return relayed;
   }
   if (!b->Complete()) return ReadRecv(fds, phRead);
@@ -250,7 +250,9 @@ SI4 CONNECTION::ExecuteConnected(PFDSETS fds, PHIERAKI self) {
   SI4 rc = 0;
   if (pCon->Ready4R(&fds->ss) && (pRead || pHeader)) {
     rc = ReadStep(fds, self);
-    if (rc < 0) return 0;
+    // After an upgrade the node holds this connection's successor, which
+    // has the socket: nothing more of this round is ours.
+    if (rc < 0 || rc == ERR_WSUPGRADED) return 0;
   }
   if (!rc && pWrite && State == SConnected && pCon->Ready4W(&fds->ss)) rc = WriteStep(fds);
   if (rc) Fail(self, rc);

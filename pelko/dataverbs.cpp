@@ -94,9 +94,9 @@ static SI4 Send(PHIERAKI root, PCH10 name, PUI4 z, UI4 size, UI4 flag) {
     conn = root->FindLeaf(name);
     if (!conn || !conn->pObj || (conn->pObj->Type != TClient && conn->pObj->Type != TConnection))
       return ERR_INVALID_OBJECT;
-    sprintf(name + strlen(name), ".Auto%08u", ((PCONNECTION)conn->pObj)->NameCnt++);
+    sprintf(name + strlen(name), ".Auto%08u", ((PCONNECTION)(PRPCOBJS)conn->pObj)->NameCnt++);
   }
-  PCONNECTION c = (PCONNECTION)conn->pObj;
+  PCONNECTION c = (PCONNECTION)(PRPCOBJS)conn->pObj;
   if (!SendsFrom(c)) return ERR_INVALID_OBJECT;
   if (c->State != SConnected) return ERR_CLOSED;
   PCH1 sub = strrchr(name, '.') + 1;
@@ -150,7 +150,7 @@ static SI4 Respond(PHIERAKI root, PCH1 name, PUI4 z, UI4 size, UI4 flag) {
   PHIERAKI parent = h->Parent();
   if (!parent || !parent->pObj || parent->pObj->State != SConnected) return ERR_CLOSED;
   if (h->pObj->Type != TCommand) return ERR_INVALID_OBJECT;
-  PCOMMAND c = (PCOMMAND)h->pObj;
+  PCOMMAND c = (PCOMMAND)(PRPCOBJS)h->pObj;
   // Only a request received and not yet answered takes an answer or a
   // report: anything else would replace a buffer that may be on its way.
   if (!c->pRecv || c->pSend) return ERR_STATE;

@@ -89,6 +89,23 @@ class PeekPtr {
   std::atomic<T*> p;
 };
 
+// The object a node holds. A connection may hand its node over to the
+// object that succeeds it while host threads look the node up: the store
+// publishes the new object whole.
+class ObjPtr {
+ public:
+  ObjPtr(PRPCOBJS v = nullptr) : p(v) {}
+  ObjPtr& operator=(PRPCOBJS v) {
+    p.store(v, std::memory_order_release);
+    return *this;
+  }
+  operator PRPCOBJS() const { return p.load(std::memory_order_acquire); }
+  PRPCOBJS operator->() const { return p.load(std::memory_order_acquire); }
+
+ private:
+  std::atomic<PRPCOBJS> p;
+};
+
 struct HIERAKI {
   HIERAKI(const char* name, PRPCOBJS obj);
   ~HIERAKI();
@@ -125,7 +142,7 @@ struct HIERAKI {
   PHIERAKI pParent;
   char Name[MAXNAMELENGTH];
   char Magic[9];
-  PRPCOBJS pObj;
+  ObjPtr pObj;
   OBJTYPE CleanUpLevel;
   int CleanUpCount;
 

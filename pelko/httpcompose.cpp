@@ -48,9 +48,7 @@ PLIST GenStopList(int count, const char* const* strings) {
   return list;
 }
 
-// The field behind the first hit of name: its start and length, or false
-// when the name isn't there.
-static bool Field(PBUFFER header, const char* name, PCH1* field, UI4* length) {
+bool HeaderField(PBUFFER header, const char* name, PCH1* field, UI4* length) {
   SI4 at = header->FindAsc((PCH10)name, true, true);
   if (at < 0) return false;
   UI4 end = header->SizeProcessed();
@@ -71,13 +69,13 @@ static bool SameText(PCH1 p, UI4 n, const char* value) {
 bool isHdr(PBUFFER header, const char* name, const char* value) {
   PCH1 f;
   UI4 n;
-  return Field(header, name, &f, &n) && SameText(f, n, value);
+  return HeaderField(header, name, &f, &n) && SameText(f, n, value);
 }
 
 bool isHdrM(PBUFFER header, const char* name, const char* value) {
   PCH1 f;
   UI4 n;
-  if (!Field(header, name, &f, &n) || n == 0) return false;
+  if (!HeaderField(header, name, &f, &n) || n == 0) return false;
   UI4 i = 0;
   while (i <= n) {
     while (i < n && f[i] == ' ') i++;

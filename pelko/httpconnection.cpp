@@ -43,6 +43,10 @@ void HTTPCONNECTION::Init() {
   Trailer = false;
   DecodeBuffers = 0;
   Features = 0;
+  pWSUpgradeKey[0] = 0;
+  pWSHost = nullptr;
+  pUserHeaders = nullptr;
+  pHandover = nullptr;
 }
 
 HTTPCONNECTION::~HTTPCONNECTION() {
@@ -50,6 +54,13 @@ HTTPCONNECTION::~HTTPCONNECTION() {
   StopHttp = nullptr;
   free(StopChunked);
   StopChunked = nullptr;
+  free(pWSHost);
+  pWSHost = nullptr;
+  free(pUserHeaders);
+  pUserHeaders = nullptr;
+  HANDOVER* h = pHandover.exchange(nullptr);
+  if (h) delete h->pAnswer;
+  delete h;
 }
 
 SI4 HTTPCONNECTION::ReturnBuffer(PHIERAKI pItem, PBUFFER pBuf, UI4 Size, const char* Format) {
@@ -135,7 +146,11 @@ SI4 HTTPCONNECTION::HeaderRecv(PFDSETS fds, PHIERAKI) {
       rc = ReturnBuffer(fds->pItem, copy, (UI4)pos, "HTTPTrailer%08d");
       Trailer = false;
     } else if (isHdr(copy, "Upgrade:", "websocket")) {
-      rc = ERR_WSUPGRADE_FAILED;
+      // The change-over ends this object's round: nothing of it may be
+      // touched once the node holds its successor.
+      rc = Upgrade(fds, copy, (UI4)pos);
+      if (rc != ERR_WSUPGRADED) delete copy;
+      return rc;
     } else if (isHdr(copy, "Transfer-Encoding:", "chunked")) {
       ReceivingChunks = true;
       rc = ReturnBuffer(fds->pItem, pHeader, (UI4)pos, "HTTPHeader%08d");
@@ -203,7 +218,7 @@ PHIERAKI OwnNode(PHIERAKI pItem, PRPCOBJS obj) {
 }
 
 SI4 HTTPCONNECTION::SetRPCProp(PHIERAKI pItem, PCH1 name, PAA value) {
-  if (strcasecmp(name, "DecodeBuffers") != 0) return CONNECTION::SetRPCProp(pItem, name, value);
+  if (strcasecmp(name, "DecodeBuffers") != 0) return SetUpgradeProp(pItem, name, value);
   SI4 flags = 0;
   SI4 rc = value ? VAGetSI4(value, 0, &flags) : ERR_VALUE;
   return rc ? rc : SetDecodeBuffers(pItem, (UI4)flags);

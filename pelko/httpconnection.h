@@ -32,6 +32,7 @@ class HTTPCONNECTION : public CONNECTION {
   SI4 HeaderRecv(PFDSETS fds, PHIERAKI pItem) override;
   SI4 HeaderComplete(PFDSETS fds, PHIERAKI pItem) override;
   SI4 PassiveClose(PFDSETS fds, PHIERAKI pItem) override;
+  SI4 Setinfo(PFDSETS fds) override;
 
   // Makes the next part: Size bytes, of which pBuf holds the first ones
   // (they move out of it); the rest comes from the socket.
@@ -47,9 +48,23 @@ class HTTPCONNECTION : public CONNECTION {
   bool Trailer;
   std::atomic<UI4> DecodeBuffers;  // set by host threads
   std::atomic<UI4> Features;
+  char pWSUpgradeKey[26];  // the key of the upgrade request sent
+  PCH10 pWSHost;
+  PCH10 pUserHeaders;
 
  private:
   void Init();
+  // An upgrade header received: the change-over, or a part for the host.
+  SI4 Upgrade(PFDSETS fds, PBUFFER copy, UI4 pos);
+  // The upgrade properties, on the host's thread.
+  SI4 SetUpgradeProp(PHIERAKI pItem, PCH1 name, PAA value);
+  // A change-over the host asked for: the work thread makes it at the start
+  // of its next round, so no round ever runs on a connection that has given
+  // its socket away. The answer to send may be null.
+  struct HANDOVER {
+    PBUFFER pAnswer;
+  };
+  std::atomic<HANDOVER*> pHandover;
 };
 typedef HTTPCONNECTION* PHTTPCONNECTION;
 
@@ -57,6 +72,10 @@ typedef HTTPCONNECTION* PHTTPCONNECTION;
 // with the root as the node, while their flags go to the object's own
 // children.
 PHIERAKI OwnNode(PHIERAKI pItem, PRPCOBJS obj);
+
+// The field behind the first place name stands in the bytes held: blanks
+// skipped, up to the line's end. False when the name isn't there.
+bool HeaderField(PBUFFER header, const char* name, PCH1* field, UI4* length);
 
 // The header tests: the first place the name stands, anywhere and in any
 // case; blanks behind it skipped; the field is the rest of that line.

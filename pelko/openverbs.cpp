@@ -55,14 +55,14 @@ static PCONNECTION NewClientOfMode(OBJMODE mode, UI4 size, UI4 magic, SI4* rc) {
 // An empty name takes the next generated one; others must name a free
 // place directly under the root.
 static SI4 OpenName(PHIERAKI root, PCH10 name, const char* form) {
-  PROOT pRoot = (PROOT)root->pObj;
+  PROOT pRoot = (PROOT)(PRPCOBJS)root->pObj;
   if (!*name) snprintf(name, OPEN_NAMELEN, form, pRoot->NameCnt++);
   if (strchr(name, '.')) return ERR_INVALID_OBJECT;
   return root->FindLeaf(name) ? ERR_NAME_IN_USE : 0;
 }
 
 static PROTOCOL Protocol(PHIERAKI root, PROTOCOL prot) {
-  return prot == PAny ? ((PROOT)root->pObj)->DefProt : prot;
+  return prot == PAny ? ((PROOT)(PRPCOBJS)root->pObj)->DefProt : prot;
 }
 
 // A UDP object takes the place of a listener; its bind may fail and leave
@@ -255,7 +255,7 @@ static SI4 StopList(PHIERAKI root, PAA arg, OPENARGS* a) {
   if (!rc) rc = GetBool(arg, COIgnoreCase, COMAX, PelkoOptionNames, 1, &ignoreCase);
   if (!rc && list) {
     PHIERAKI h = root->FindLeaf(a->name);
-    PRPCOBJS o = h ? h->pObj : nullptr;
+    PRPCOBJS o = h ? (PRPCOBJS)h->pObj : nullptr;
     if (!o) {
       rc = ERR_OBJECT_NOT_FOUND;
     } else if (a->mode != MRaw && a->mode != MAscii) {

@@ -52,7 +52,7 @@ SI4 RAWCONNECTION::SetStop(PLIST list, bool ignoreCase) {
 void RAWCONNECTION::GetParentStop(PHIERAKI pItem, PLIST* list, bool* ignoreCase) {
   PHIERAKI parent = pItem->Parent();
   if (!parent || !parent->pObj || parent->pObj->Type != TServer) return;
-  PRAWSERVER s = dynamic_cast<PRAWSERVER>(parent->pObj);
+  PRAWSERVER s = dynamic_cast<PRAWSERVER>((PRPCOBJS)parent->pObj);
   if (!s) return;
   *list = s->pStop;
   *ignoreCase = s->IgnoreCase;
@@ -80,7 +80,7 @@ void RAWCONNECTION::Deliver(PFDSETS fds, UI4 n, OBJSTATE state) {
 // belong to the relay's target, not to the host.
 static PRELAY NewRelay(PHIERAKI pItem) {
   PHIERAKI r = pItem->FindLeaf("RELAY");
-  return r && r->pObj && r->pObj->Type == TRelay ? (PRELAY)r->pObj : nullptr;
+  return r && r->pObj && r->pObj->Type == TRelay ? (PRELAY)(PRPCOBJS)r->pObj : nullptr;
 }
 
 SI4 RAWCONNECTION::HeaderRecv(PFDSETS fds, PHIERAKI pItem) {

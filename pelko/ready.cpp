@@ -174,13 +174,13 @@ PHIERAKI FindReadyTO(PHIERAKI h, PHIERAKI* out) { return ClaimOldest(h, out, fal
 PHIERAKI FindReadyTS(PHIERAKI h, PHIERAKI* out) { return ClaimOldest(h, out, true, 0); }
 
 PHIERAKI FindReadyTnc(PHIERAKI h, PHIERAKI* out) {
-  PSERVER s = h ? dynamic_cast<PSERVER>(h->pObj) : nullptr;
+  PSERVER s = h ? dynamic_cast<PSERVER>((PRPCOBJS)h->pObj) : nullptr;
   bool onlyNew = s && s->SearchStop();
   return ClaimOldest(h, out, true, onlyNew ? 1 : 10);
 }
 
 static PHIERAKI PopReady(PHIERAKI h, PHIERAKI* out) {
-  *out = dynamic_cast<PSERVER>(h->pObj)->PopReady();
+  *out = dynamic_cast<PSERVER>((PRPCOBJS)h->pObj)->PopReady();
   if (!*out || !(*out)->pObj) return *out;
   if ((*out)->pObj->State == SSocketClosed) ClaimClosed(*out);
   else Claim(*out);
@@ -204,7 +204,7 @@ static void Release(PROOT pRoot, PHIERAKI claimed, OBJSTATE next) {
   // may delete it at any moment.
   OBJSTATE p = o->NextPState;
   PHIERAKI parent = claimed->Parent();
-  PRPCOBJS po = parent ? parent->pObj : nullptr;
+  PRPCOBJS po = parent ? (PRPCOBJS)parent->pObj : nullptr;
   // The work thread may have moved the object on while it was claimed (an
   // answer arriving for a command just reported "Sent", a connection
   // closing under a request): that state stands.
@@ -221,7 +221,7 @@ SI4 WaitZ1(PHIERAKI pRoot, PCH1 Name, SI4 timeout, PCH1 ObjName, PCH1 Event, PUI
   *ppPayload = nullptr;
   OBJSTATE next = SFinished;
   LOG(1, ("WaitZ %s ", Name));
-  PROOT root = (PROOT)pRoot->pObj;
+  PROOT root = (PROOT)(PRPCOBJS)pRoot->pObj;
   if (root->lErrorObj) return root->lErrorObj;
   F8 start = Micros();
   PFNREADY fn = nullptr;

@@ -35,7 +35,7 @@ PHIERAKI Root(PHIERAKI h) {
 
 PROOT RootObj(PHIERAKI h) {
   h = Root(h);
-  return h && h->pObj && h->pObj->Type == TRoot ? (PROOT)h->pObj : nullptr;
+  return h && h->pObj && h->pObj->Type == TRoot ? (PROOT)(PRPCOBJS)h->pObj : nullptr;
 }
 
 SI4 Dirty(PHIERAKI pRoot) {
@@ -82,7 +82,7 @@ SI4 RPCUnload(PHIERAKI root) {
   // PopChild waits for the work thread's walk of the root to end, and once
   // off the ring a child can't be reached by that walk any more.
   for (PHIERAKI child = root->PopChild(); child; child = root->PopChild()) delete child;
-  PROOT p = (PROOT)root->pObj;
+  PROOT p = (PROOT)(PRPCOBJS)root->pObj;
   if (!p) return 0;
   // A forked child closing its copy of a root leaves the thread alone: it
   // is the parent's.

@@ -186,7 +186,7 @@ SI4 RPCOBJS::Ready4Apl(PHIERAKI pItem) {
 
 SI4 RPCOBJS::AplWaitInit(PHIERAKI pRootNode) {
   if (pWaiting) return ERR_SOMEBODY_WAITING;
-  PROOT pRoot = (PROOT)pRootNode->pObj;
+  PROOT pRoot = (PROOT)(PRPCOBJS)pRootNode->pObj;
   // The thread's code is final only once Ended says so.
   PTALTHREAD t = pRoot->pTalThread;
   if (t && t->Ended && t->lError) return t->lError;

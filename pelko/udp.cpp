@@ -243,7 +243,7 @@ bool UDP::Receive(PFDSETS fds) {
   char name[UDP_NAMELEN];
   PHIERAKI peer = PeerNode(fds->pItem, &from, name);
   if (!peer) return true;
-  PUDPADDR p = (PUDPADDR)peer->pObj;
+  PUDPADDR p = (PUDPADDR)(PRPCOBJS)peer->pObj;
   SI4 old = MaxOld;
   if (old && Unclaimed(peer) > old) {
     // The dropped datagram stays in the buffer and goes up with the next
@@ -270,7 +270,7 @@ void UDP::SendStep() {
   PRPCOBJS child = phWrite->pObj;
   PHIERAKI peer = phWrite->Parent();
   child->State = SSending;
-  SI4 rc = pSocket->SendTo(pWrite, ((PUDPADDR)peer->pObj)->GetAddr());
+  SI4 rc = pSocket->SendTo(pWrite, ((PUDPADDR)(PRPCOBJS)peer->pObj)->GetAddr());
   LOG(1, ("Sending %s bytes remaining %d", phWrite->Name, pWrite->Remaining()));
   if (!rc && !pWrite->Complete()) rc = ERR_SEND;
   if (rc) {

@@ -42,6 +42,8 @@ static void CheckNode(PHIERAKI h, PFDSETS fds) {
   if (obj->Type == TClient || obj->Type == TConnection || obj->Type == TUdp) {
     fds->pItem = h;
     obj->Setinfo(fds);
+    // A connection may have handed its node to a successor.
+    obj = h->pObj;
   }
   h->LoopSub(CheckSub, fds);
   fds->pItem = h;
@@ -95,7 +97,7 @@ static void NewRound(PFDSETS fds) {
 }
 
 SI4 WorkThread(PHIERAKI root) {
-  PROOT pRoot = (PROOT)root->pObj;
+  PROOT pRoot = (PROOT)(PRPCOBJS)root->pObj;
   pRoot->pid = getpid();
   FDSETS fds;
   for (;;) {

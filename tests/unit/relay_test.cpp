@@ -15,13 +15,13 @@ namespace {
 
 PRELAY RelayUnder(PHIERAKI h) {
   PHIERAKI r = h->FindLeaf("RELAY");
-  return r ? (PRELAY)r->pObj : nullptr;
+  return r ? (PRELAY)(PRPCOBJS)r->pObj : nullptr;
 }
 
 std::string Piece(PHIERAKI target, const char* name) {
   PHIERAKI h = target->FindLeaf(name);
   if (!h || !h->pObj || h->pObj->Type != TMessage) return "<none>";
-  PMESSAGE m = (PMESSAGE)h->pObj;
+  PMESSAGE m = (PMESSAGE)(PRPCOBJS)h->pObj;
   EXPECT_EQ(m->State, SReadyToSend);
   EXPECT_EQ(m->NextState, SFinished);
   return std::string(m->pBuf->Start(), m->pBuf->TotalSize());
@@ -76,7 +76,7 @@ TEST(Relay, ReadSelection) {
   EXPECT_EQ(SetRelay(&top, (PCH10) "A", (PCH10) "B", 16, 1), 0);
   EXPECT_EQ(RelayUnder(top.FindLeaf("B")), nullptr);  // one way only
   PHIERAKI h = a->FindLeaf("RELAY");
-  PRELAY r = (PRELAY)h->pObj;
+  PRELAY r = (PRELAY)(PRPCOBJS)h->pObj;
   FDSETS fds = {};
   HIERAKI other("other", nullptr);
   // Waiting, it yields to a child already reading.
