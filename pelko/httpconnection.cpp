@@ -47,6 +47,7 @@ void HTTPCONNECTION::Init() {
   pWSHost = nullptr;
   pUserHeaders = nullptr;
   pHandover = nullptr;
+  fUpgraded = false;
 }
 
 HTTPCONNECTION::~HTTPCONNECTION() {
@@ -61,6 +62,7 @@ HTTPCONNECTION::~HTTPCONNECTION() {
   HANDOVER* h = pHandover.exchange(nullptr);
   if (h) delete h->pAnswer;
   delete h;
+  if (fUpgraded) pCon = nullptr;
 }
 
 SI4 HTTPCONNECTION::ReturnBuffer(PHIERAKI pItem, PBUFFER pBuf, UI4 Size, const char* Format) {

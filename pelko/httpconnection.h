@@ -51,6 +51,7 @@ class HTTPCONNECTION : public CONNECTION {
   char pWSUpgradeKey[26];  // the key of the upgrade request sent
   PCH10 pWSHost;
   PCH10 pUserHeaders;
+  bool fUpgraded;  // the socket belongs to the WEBSOCKET that succeeded it
 
  private:
   void Init();

@@ -34,10 +34,11 @@ WEBSOCKET::WEBSOCKET(PHTTPCONNECTION http, PBUFFER accept)
   pWaiting = http->pWaiting.load();
   State = accept ? SIncoming : SConnected;
   lErrorObj = 0;
-  http->pCon = nullptr;
+  // Host threads may still read the old object's socket field: it keeps
+  // the pointer, and only gives up owning the socket.
+  http->fUpgraded = true;
   pOOSfn = http->pOOSfn;
   pCert = http->pCert;
-  http->pCert = nullptr;
 }
 
 WEBSOCKET::~WEBSOCKET() {
