@@ -9,9 +9,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "log.h"
 #include "pelkoerr.h"
+#include "root.h"
+#include "securesocket.h"
 #include "socket.h"
 
 #define MODULE 0x00000200
@@ -149,15 +152,27 @@ SI4 GetIPAddr(PCH1 host, PCH1 port, int type, PROTOCOL prot, bool passive, TALSO
   return 0;
 }
 
-PRPCSOCK NewSock(PHIERAKI, PCH1 host, PCH1 port, bool listen, PCERTDATA cert, PROTOCOL prot,
+PRPCSOCK NewSock(PHIERAKI root, PCH1 host, PCH1 port, bool listen, PCERTDATA cert, PROTOCOL prot,
                  SI4* err) {
+  PRPCSOCK s;
   if (cert) {
     // The secure socket is built with the companion library; without it a
     // TLS request is refused.
-    *err = ERR_NO_SSL_SUPPORT;
-    return nullptr;
+    if (!PelkosslLoaded()) {
+      *err = ERR_NO_SSL_SUPPORT;
+      return nullptr;
+    }
+    PROOT r = RootObj(root);
+    {
+      // Clients open on host threads, any number at once.
+      static std::mutex made;
+      std::lock_guard<std::mutex> hold(made);
+      if (r && !r->pClientSessionDB) r->pClientSessionDB = new SessionCache2(CLIENTCACHESIZE);
+    }
+    s = new RPCSECURE(host, port, listen, cert, prot, SOCK_STREAM, r ? r->pClientSessionDB : nullptr);
+  } else {
+    s = new RPCSOCK(host, port, listen, prot, SOCK_STREAM);
   }
-  PRPCSOCK s = new RPCSOCK(host, port, listen, prot, SOCK_STREAM);
   *err = s->lError;
   return s;
 }

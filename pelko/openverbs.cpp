@@ -132,8 +132,12 @@ SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4 size, UI4 ma
   if (!s) return rc;
   LOG(1, ("Server New %p", (void*)s));
   s->Mode = mode;
-  // With a certificate the listener would be a TLS one, which the
-  // certificate part refuses before we get here.
+  // With a certificate the listener is a TLS one; it holds a reference of
+  // its own, given back when it goes.
+  if (cert) {
+    cert->pRootCerts = ((PROOT)(PRPCOBJS)root->pObj)->pRootCerts;
+    cert->refs++;
+  }
   s->pCert = cert;
   s->pAllow = allow;
   s->pDeny = deny;
@@ -141,9 +145,8 @@ SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4 size, UI4 ma
   LOG(1, ("Server Listen %d", rc));
   if (!rc && !root->AddNew(name, s)) rc = ERR_NAME_IN_USE;
   if (rc) {
-    // The caller still owns the ranges and the certificate.
+    // The caller still owns the ranges.
     s->pAllow = s->pDeny = nullptr;
-    s->pCert = nullptr;
     delete s;
     return rc;
   }
@@ -164,6 +167,8 @@ SI4 Client(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, PCH10, OBJMODE 
   PCONNECTION c = NewClientOfMode(mode, size, magic, &rc);
   if (!c) return rc;
   c->Mode = mode == MWebSocket ? MCommand : mode;
+  // The socket holds the connection's reference to the certificate.
+  if (cert) cert->pRootCerts = ((PROOT)(PRPCOBJS)root->pObj)->pRootCerts;
   c->pCert = cert;
   rc = c->Connect(root, address, port, Protocol(root, prot));
   if (!rc && c->Mode == MCommand) c->pCon->SetNoDelay();
@@ -298,6 +303,10 @@ PAA AClt(PHIERAKI root, PAA arg) {
   if (!rc) rc = Client(root, a.name, a.address, a.port, nullptr, a.mode, (UI4)a.size, (UI4)a.magic,
                        a.cert, a.prot);
   if (!rc) rc = StopList(root, arg, &a);
+  // A refused peer leaves what the verification found on the record.
+  PAA found = rc && a.cert && a.cert->paaInfo ? a.cert->paaInfo : nullptr;
+  if (found) VAIncRef(found);
   FreeOpenArgs(&a);
+  if (found) return VANested({VAInt(rc), found});
   return rc ? VARc(rc) : RcValue(VAText(a.name));
 }

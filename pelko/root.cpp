@@ -99,7 +99,7 @@ ROOT::ROOT()
     : RPCOBJS(TRoot), pSockData(nullptr), pClt(nullptr), pWork(nullptr), pBuf(nullptr),
       DefProt(PAny), EventMode(0), NameCnt(0), pid(0), UseFnsReady(0), pfnsReady(),
       pTalThread(nullptr), LastChecked(time(nullptr)), pCertRootDir(nullptr),
-      pRootCerts(nullptr), pThreadSem(new TALSEMA(1, 1)), pThreadList(nullptr),
+      pRootCerts(new RootCerts()), pThreadSem(new TALSEMA(1, 1)), pThreadList(nullptr),
       pClientSessionDB(nullptr) {}
 
 ROOT::~ROOT() {
@@ -127,6 +127,10 @@ ROOT::~ROOT() {
   pThreadSem = nullptr;
   free(pCertRootDir);
   pCertRootDir = nullptr;
+  ClearSessionDB(pClientSessionDB);
+  pClientSessionDB = nullptr;
+  delete pRootCerts;
+  pRootCerts = nullptr;
 }
 
 static UI4 WorkThreadEntry(PVOID p) { return (UI4)WorkThread((PHIERAKI)p); }
@@ -263,7 +267,7 @@ SI4 ROOT::SetRPCProp(PHIERAKI, PCH1 name, PAA value) {
     if (rc) return rc;
     pCertRootDir = strdup(text);
     if (!pCertRootDir) return ERR_MEMORY_ALLOC;
-    return PelkosslLoaded() ? CacheNewRoot(pRootCerts, pCertRootDir) : 0;
+    return PelkosslLoaded() ? CacheNewRootDir(pRootCerts, pCertRootDir) : 0;
   }
   if (strcasecmp(name, "Trace") == 0) {
     ValueSI4(value, 0, &v);

@@ -9,6 +9,10 @@
 #include "rpcobjs.h"
 #include "socket.h"
 
+class RootCerts;
+typedef RootCerts* PRootCerts;
+class SessionCache2;
+
 typedef PHIERAKI (*PFNREADY)(PHIERAKI, PHIERAKI*);
 
 class ROOT : public RPCOBJS {
@@ -42,10 +46,10 @@ class ROOT : public RPCOBJS {
   PTALTHREAD pTalThread;
   time_t LastChecked;
   PCH1 pCertRootDir;
-  PVOID pRootCerts;
+  PRootCerts pRootCerts;
   PTALSEMA pThreadSem;
   PTHREADSEM pThreadList;
-  PVOID pClientSessionDB;
+  SessionCache2* pClientSessionDB;  // made with the first TLS client
 
  private:
   SI4 SendWord(UI4 word);
@@ -75,6 +79,5 @@ PHIERAKI FindReadyTnc(PHIERAKI h, PHIERAKI* out);
 
 // From the companion, the certificate store and the protocols that are
 // built elsewhere; the root's properties reach them.
-SI4 CacheNewRoot(PVOID pRootCerts, PCH1 dir);
 SI4 GetSecurity(PCH1 buf, SI4 size);
 SI4 DecodeCert(PAA arg, PPAA out);

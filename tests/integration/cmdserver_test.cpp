@@ -80,15 +80,6 @@ TEST(CommandServer, OpeningVerbs) {
   EXPECT_EQ(Code(srv({Opt("Name", Value::Text("W")), Opt("Mode", Value::Text("websocket"))})), 1125);
   EXPECT_EQ(Code(srv({Opt("Name", Value::Text("M")), Opt("Mode", Value::Text("nomode"))})), 1045);
   EXPECT_EQ(Code(srv({Opt("Name", Value::Text("X")), Opt("Colour", Value::Text("red"))})), 1045);
-  // TLS has no secure socket to run on yet.
-  EXPECT_EQ(Code(srv({Opt("Name", Value::Text("T")), Opt("Port", Value::Text("0")),
-                      Opt("PublicCertFile", Value::Text("/nonexistent.pem"))})),
-            1205);
-  EXPECT_EQ(Code(Lib().Call(r, "AClt", Value::Nested({Opt("Name", Value::Text("T")),
-                                                       Opt("Address", Value::Text("127.0.0.1")),
-                                                       Opt("Port", Value::Text(std::to_string(port))),
-                                                       Opt("SSLValidation", Value::Int(0))}))),
-            1205);
   // An end-of-message list belongs to raw and text modes: the verb fails,
   // and the listener stays.
   EXPECT_EQ(Code(srv({Opt("Name", Value::Text("E")), Opt("Port", Value::Text("0")),
