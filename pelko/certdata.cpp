@@ -210,10 +210,16 @@ static SI4 KeyFromFile(PCERTDATA c, PAA list) {
   return rc;
 }
 
+// An option's array; an absent one is no error, and gives null.
+static SI4 Option(PAA arg, SI4 index, PPAA out) {
+  SI4 rc = GetOptionpAA(arg, index, COMAX, PelkoOptionNames, out);
+  return rc == ERR_ARG_MISSING ? 0 : rc;
+}
+
 static SI4 PrivateKey(PCERTDATA c, PAA arg) {
   gnutls_privkey_init(&c->key);
   PAA p = nullptr;
-  SI4 rc = GetOptionpAA(arg, COPrivKeyData, COMAX, PelkoOptionNames, &p);
+  SI4 rc = Option(arg, COPrivKeyData, &p);
   if (!rc && p) {
     gnutls_datum_t d = GetCertData(p);
     int r = gnutls_privkey_import_x509_raw(c->key, &d, GNUTLS_X509_FMT_DER, nullptr, 0);
@@ -224,7 +230,7 @@ static SI4 PrivateKey(PCERTDATA c, PAA arg) {
   }
   VAFree(p);
   p = nullptr;
-  rc = GetOptionpAA(arg, COPrivKeyFile, COMAX, PelkoOptionNames, &p);
+  rc = Option(arg, COPrivKeyFile, &p);
   if (!rc && p) rc = KeyFromFile(c, p);
   VAFree(p);
   return rc;
@@ -232,7 +238,7 @@ static SI4 PrivateKey(PCERTDATA c, PAA arg) {
 
 static SI4 PublicCerts(PCERTDATA c, PAA arg) {
   PAA p = nullptr;
-  SI4 rc = GetOptionpAA(arg, COPubCertData, COMAX, PelkoOptionNames, &p);
+  SI4 rc = Option(arg, COPubCertData, &p);
   if (!rc && p) {
     rc = PelkosslLoaded() ? CertsFromData(c, p) : ERR_NO_SSL_SUPPORT;
     VAFree(p);
@@ -240,7 +246,7 @@ static SI4 PublicCerts(PCERTDATA c, PAA arg) {
   }
   VAFree(p);
   p = nullptr;
-  rc = GetOptionpAA(arg, COPubCertFile, COMAX, PelkoOptionNames, &p);
+  rc = Option(arg, COPubCertFile, &p);
   if (!rc && p) rc = PelkosslLoaded() ? CertsFromFile(c, p) : ERR_NO_SSL_SUPPORT;
   VAFree(p);
   return rc;
