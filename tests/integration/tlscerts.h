@@ -1,0 +1,96 @@
+// Certificates made at run time for the TLS tests, once a process: a test
+// CA, a server certificate for localhost and 127.0.0.1, an expired one, one
+// for another host name, and a client certificate. Keys never leave the
+// temporary directory, which goes at exit.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <string>
+
+#include "host/value.h"
+
+namespace tlstest {
+
+class Certs {
+ public:
+  static const Certs& Get() {
+    static Certs c;
+    return c;
+  }
+  bool ok() const { return ok_; }
+  // A file of the set: "ca.pem", "srv.pem", "srv.key", "expired.pem", ...
+  std::string File(const std::string& name) const { return dir_ + "/" + name; }
+  // A directory holding only the CA, for "RootCertDir".
+  std::string Roots() const { return dir_ + "/roots"; }
+  // An empty directory: nothing is trusted but what the system trusts.
+  std::string NoRoots() const { return dir_ + "/noroots"; }
+
+ private:
+  Certs() {
+    char tmpl[] = "/tmp/pelkotlsXXXXXX";
+    dir_ = mkdtemp(tmpl) ? tmpl : "";
+    ok_ = !dir_.empty() && Make();
+  }
+  ~Certs() {
+    if (!dir_.empty()) Run("rm -rf '" + dir_ + "'");
+  }
+  static bool Run(const std::string& cmd) { return system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+  bool Template(const std::string& name, const std::string& text) const {
+    std::ofstream(File(name + ".tmpl")) << text;
+    return Run("certtool --generate-privkey --key-type=ecdsa --no-text --outfile '" + File(name + ".key") + "'");
+  }
+  bool Sign(const std::string& name, const std::string& text) const {
+    return Template(name, text) &&
+           Run("certtool --generate-certificate --no-text --load-privkey '" + File(name + ".key") +
+               "' --load-ca-certificate '" + File("ca.pem") + "' --load-ca-privkey '" + File("ca.key") +
+               "' --template '" + File(name + ".tmpl") + "' --outfile '" + File(name + ".pem") + "'");
+  }
+  bool Make() {
+    // A certificate that starts in the current second is not yet taken.
+    char since[64];
+    time_t yesterday = time(nullptr) - 86400;
+    strftime(since, sizeof since, "activation_date = \"%Y-%m-%d %H:%M:%S\"\n", gmtime(&yesterday));
+    const std::string server = "dns_name = \"localhost\"\nip_address = \"127.0.0.1\"\ntls_www_server\n"
+                               "signing_key\nencryption_key\n" + std::string(since);
+    return Template("ca", "cn = \"Pelko Test CA\"\nca\ncert_signing_key\nexpiration_days = 30\n" + std::string(since)) &&
+           Run("certtool --generate-self-signed --no-text --load-privkey '" + File("ca.key") + "' --template '" +
+               File("ca.tmpl") + "' --outfile '" + File("ca.pem") + "'") &&
+           Sign("srv", "cn = \"localhost\"\n" + server + "expiration_days = 30\n") &&
+           Sign("expired", "cn = \"localhost\"\n" + server +
+                               "activation_date = \"2020-01-01 00:00:00\"\n"
+                               "expiration_date = \"2021-01-01 00:00:00\"\n") &&
+           Sign("wrong", "cn = \"other.example\"\ndns_name = \"other.example\"\ntls_www_server\n"
+                         "signing_key\nencryption_key\nexpiration_days = 30\n" + std::string(since)) &&
+           Sign("client", "cn = \"Pelko Test Client\"\ntls_www_client\nsigning_key\nexpiration_days = 30\n" +
+                              std::string(since)) &&
+           Run("mkdir -p '" + Roots() + "' '" + NoRoots() + "' && cp '" + File("ca.pem") + "' '" + Roots() + "/'");
+  }
+
+  std::string dir_;
+  bool ok_ = false;
+};
+
+inline host::Value Opt(const char* name, host::Value v) {
+  return host::Value::Nested({host::Value::Text(name), std::move(v)});
+}
+
+// The options that present a certificate and its key, read from files.
+inline std::vector<host::Value> Presenting(const std::string& name) {
+  const Certs& c = Certs::Get();
+  using host::Value;
+  return {Opt("PublicCertFile", Value::Nested({Value::Text("DER"), Value::Text(c.File(name + ".pem")), Value::Int(0)})),
+          Opt("PrivateKeyFile", Value::Nested({Value::Text("DER"), Value::Text(c.File(name + ".key")), Value::Int(0)}))};
+}
+
+// TLS with no certificate of one's own.
+inline std::vector<host::Value> Anonymous() {
+  using host::Value;
+  return {Opt("PublicCertFile", Value::Nested({Value::Text("DER"), Value::Text(""), Value::Int(0)}))};
+}
+
+}  // namespace tlstest
