@@ -8,14 +8,6 @@
 #include "root.h"
 #include "verbs.h"
 
-PAA ACerts(PHIERAKI, PAA) { return VARc(ERR_NONCE); }
-
 // Exports whose machinery is not built yet.
 void* Zuno2Init(void*) { return nullptr; }
-
-// The certificate decoder.
-SI4 DecodeCert(PAA, PPAA out) {
-  *out = nullptr;
-  return ERR_NONCE;
-}
 

@@ -52,6 +52,14 @@ typedef RootCerts* PRootCerts;
 
 // A certificate as the host sees it: a vector of its DER bytes.
 SI4 ReturnCert(PCH1 dercert, UI4 len, PPAA ppCertinfo);
+SI4 ReturnCert(gnutls_x509_crt_t cert, PPAA ppCertinfo);
+// Its parts as a nested array: verbose gives texts, else raw values.
+SI4 DecodeCertInfo(gnutls_x509_crt_t cert, int verbose, PPAA ppCertinfo);
+SI4 DecodeCertGNU(PCH1 dercert, UI4 len, int verbose, PPAA ppCertinfo);
+// The decimal text of a big-endian two's complement number: its full
+// length; at most cbDst - 1 characters and a terminator are written.
+UI4 FmtIntBig(UI1* pbSrc, UI4 cbSrc, PCH1 pbDst, UI4 cbDst, int fSign);
+UI4 NegIntBig(void* pbDst, void* pbSrc, UI4 n);
 
 // Replaces the store with the certificates of a directory.
 SI4 CacheNewRootDir(PRootCerts roots, const char* dir);

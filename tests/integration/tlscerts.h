@@ -1,6 +1,7 @@
 // Certificates made at run time for the TLS tests, once a process: a test
 // CA, a server certificate for localhost and 127.0.0.1, an expired one, one
-// for another host name, and a client certificate. Keys never leave the
+// for another host name, a client certificate, and one with the serial
+// number 255. Keys never leave the
 // temporary directory, which goes at exit.
 #pragma once
 
@@ -66,6 +67,8 @@ class Certs {
                                "expiration_date = \"2021-01-01 00:00:00\"\n") &&
            Sign("wrong", "cn = \"other.example\"\ndns_name = \"other.example\"\ntls_www_server\n"
                          "signing_key\nencryption_key\nexpiration_days = 30\n" + std::string(since)) &&
+           Sign("serial", "cn = \"Serial Test\"\norganization = \"Pelko\"\nserial = 255\nexpiration_days = 10\n" +
+                              std::string(since)) &&
            Sign("client", "cn = \"Pelko Test Client\"\ntls_www_client\nsigning_key\nexpiration_days = 30\n" +
                               std::string(since)) &&
            Run("mkdir -p '" + Roots() + "' '" + NoRoots() + "' && cp '" + File("ca.pem") + "' '" + Roots() + "/'");

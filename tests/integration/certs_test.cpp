@@ -1,0 +1,178 @@
+// Certificates as arrays: files read by ACerts, bytes decoded into their
+// parts and compared with what certtool prints for the same file, the
+// certificates of a live connection, and bytes that are no certificate.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "streampeer.h"
+#include "tlscerts.h"
+
+namespace {
+
+using namespace streamtest;
+using tlstest::Certs;
+
+std::string Slurp(const std::string& cmd) {
+  std::string out;
+  FILE* f = popen(cmd.c_str(), "r");
+  char buf[4096];
+  size_t n;
+  while (f && (n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
+  if (f) pclose(f);
+  return out;
+}
+
+// The value behind "label: " in certtool's report.
+std::string Field(const std::string& report, const std::string& label) {
+  size_t a = report.find(label + ": ");
+  if (a == std::string::npos) return "";
+  a += label.size() + 2;
+  return report.substr(a, report.find('\n', a) - a);
+}
+
+// The parts of a distinguished name, whatever their order.
+std::set<std::string> Rdns(const std::string& dn) {
+  std::set<std::string> parts;
+  std::stringstream s(dn);
+  for (std::string p; std::getline(s, p, ',');) parts.insert(p);
+  return parts;
+}
+
+host::CallResult Certs_(const std::string& root, std::vector<Value> opts) {
+  return Lib().Call(root, "ACerts", Value::Nested(opts));
+}
+
+// The DER bytes of a PEM file's first certificate.
+Value Der(const std::string& pem) {
+  std::string der = Slurp("certtool --certificate-info --outder --infile '" + pem + "' 2>/dev/null");
+  std::vector<int8_t> bytes(der.begin(), der.end());
+  return Value::Int8s(bytes);
+}
+
+TEST(CertDecode, PartsMatchWhatCerttoolPrints) {
+  if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
+  setenv("TZ", "UTC", 1);
+  tzset();
+  Roots r("CertDecode");
+  std::string file = Certs::Get().File("serial.pem");
+  std::string report = Slurp("certtool -i --infile '" + file + "'");
+  Value der = Der(file);
+  host::CallResult v = Certs_(r.root, {Opt("Type", Value::Text("Decode")), Opt("Source", der), Opt("Details", Value::Int(1))});
+  ASSERT_EQ(Code(v), 0) << v.result.Format();
+  const Value& info = v.result[1][1];
+  EXPECT_EQ(v.result[1][0].count(), der.count());  // the bytes come back as characters
+  EXPECT_EQ(info[0].intAt(0), std::stoi(Field(report, "Version")));
+  EXPECT_EQ(Field(report, "Serial Number (hex)"), "00ff");
+  EXPECT_EQ(info[1].text(), "255");
+  EXPECT_EQ(Rdns(info[3].text()), Rdns(Field(report, "Issuer")));
+  EXPECT_EQ(Rdns(info[5].text()), Rdns(Field(report, "Subject")));
+  // certtool writes the zone before the year; the array keeps the newline.
+  std::string from = info[4][0].text();
+  EXPECT_EQ(from.substr(0, 20) + "UTC " + from.substr(20, 4) + "\n", Field(report, "Not Before") + "\n");
+  EXPECT_EQ(info[6][0].text(), "EC/ECDSA");
+  EXPECT_EQ(info[6][3].count(), 520u);  // an uncompressed P-256 point, in bits
+  EXPECT_EQ(info[9].shape(), (host::Shape{0, 3}));
+
+  // Without details: raw values.
+  v = Certs_(r.root, {Opt("Type", Value::Text("Decode")), Opt("Source", der)});
+  ASSERT_EQ(Code(v), 0);
+  EXPECT_EQ(v.result[1][1][1], Value::Int8s({0, -1}));
+  EXPECT_EQ(v.result[1][1][4][0].count(), 7u);
+  // The signature's OID, as the ASN.1 read gives it: with its terminator.
+  EXPECT_EQ(v.result[1][1][2][0].text(), std::string("1.2.840.10045.4.3.2") + '\0');
+
+  // The root property decodes the same bytes the same way.
+  host::CallResult p = Lib().Call(r.root, "AGetProp", Value::Nested({Value::Text(""), Value::Text("DecodeCert"), der, Value::Int(1)}));
+  ASSERT_EQ(Code(p), 0) << p.result.Format();
+  EXPECT_EQ(p.result[1][1][1].text(), "255");
+}
+
+TEST(CertDecode, FilesGiveOneByteVectorPerCertificate) {
+  if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
+  Roots r("CertFiles");
+  const Certs& c = Certs::Get();
+  std::string three = c.File("three.pem");
+  std::ofstream(three) << std::ifstream(c.File("srv.pem")).rdbuf();
+  std::ofstream(three, std::ios::app) << std::ifstream(c.File("ca.pem")).rdbuf();
+  std::ofstream(three, std::ios::app) << std::ifstream(c.File("client.pem")).rdbuf();
+  host::CallResult v = Certs_(r.root, {Opt("Type", Value::Text("DER")), Opt("Source", Value::Text(three))});
+  ASSERT_EQ(Code(v), 0);
+  ASSERT_EQ(v.result[1].count(), 3u);
+  EXPECT_EQ(v.result[1][0], Der(c.File("srv.pem")));
+  EXPECT_EQ(v.result[1][1], Der(c.File("ca.pem")));
+  // A DER file gives its one certificate, the same bytes as from PEM.
+  std::string derFile = c.File("srv.der");
+  Slurp("certtool --certificate-info --outder --infile '" + c.File("srv.pem") + "' --outfile '" + derFile + "'");
+  v = Certs_(r.root, {Opt("Type", Value::Text("DER")), Opt("Source", Value::Text(derFile))});
+  ASSERT_EQ(Code(v), 0);
+  ASSERT_EQ(v.result[1].count(), 1u);
+  EXPECT_EQ(v.result[1][0], Der(c.File("srv.pem")));
+  // A missing file is no certificates; no source, or a type without a back
+  // end, is a code.
+  v = Certs_(r.root, {Opt("Type", Value::Text("DER")), Opt("Source", Value::Text("/no/such.pem"))});
+  EXPECT_EQ(Code(v), 0);
+  EXPECT_EQ(v.result[1].count(), 0u);
+  EXPECT_EQ(Code(Certs_(r.root, {Opt("Type", Value::Text("DER"))})), 1037);     // ERR_OPTION
+  EXPECT_EQ(Code(Certs_(r.root, {Opt("Type", Value::Text("Folder"))})), 1005);  // ERR_NONCE
+}
+
+TEST(CertDecode, BytesThatAreNoCertificateGiveACode) {
+  if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
+  Roots r("CertBad");
+  std::vector<int8_t> good;
+  for (int64_t b : Der(Certs::Get().File("srv.pem")).ints()) good.push_back((int8_t)b);
+  std::vector<std::vector<int8_t>> bad = {
+      {},
+      std::vector<int8_t>(good.begin(), good.begin() + good.size() / 2),  // truncated
+      {0x30, (int8_t)0x84, 0x7f, (int8_t)0xff, (int8_t)0xff, (int8_t)0xff, 0x02, 0x01},  // a length past the end
+  };
+  std::vector<int8_t> flipped = good;
+  flipped[1] ^= 0x7f;  // a wrong outer length
+  bad.push_back(flipped);
+  srand(7);
+  for (int i = 0; i < 20; i++) {
+    std::vector<int8_t> noise((size_t)(1 + rand() % 600));
+    for (int8_t& b : noise) b = (int8_t)rand();
+    bad.push_back(noise);
+  }
+  for (const auto& bytes : bad) {
+    host::CallResult v = Certs_(r.root, {Opt("Type", Value::Text("Decode")), Opt("Source", Value::Int8s(bytes))});
+    EXPECT_EQ(Code(v), 1207) << bytes.size();
+  }
+}
+
+TEST(CertDecode, TheCertificatesOfALiveConnection) {
+  if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
+  Roots server("CertLiveS"), client("CertLiveC");
+  // A server names the issuers it trusts, and a client presents only a
+  // certificate of one of them.
+  for (const std::string& root : {server.root, client.root})
+    EXPECT_EQ(cmdtest::SetProp(root, "", "RootCertDir", Value::Text(Certs::Get().Roots())), 0);
+  std::vector<Value> opts = tlstest::Presenting("srv");
+  opts.push_back(Opt("SSLValidation", Value::Int(64)));
+  int port = Serve(server.root, "S", "raw", opts);
+  std::vector<Value> copts = tlstest::Presenting("client");
+  copts.push_back(Opt("SSLValidation", Value::Int(1)));
+  std::string c = Open(client.root, "C", "raw", port, copts);
+  ASSERT_FALSE(c.empty());
+  std::string conn = Wait(server.root, "S", 3000).name;
+  auto prop = [](const std::string& root, const std::string& name, const char* which) {
+    host::CallResult p = Lib().Call(root, "AGetProp", Value::Nested({Value::Text(name), Value::Text(which)}));
+    return p.result.isNested() && p.result.count() == 2 ? p.result[1] : Value();
+  };
+  Value srvDer = Der(Certs::Get().File("srv.pem")), cltDer = Der(Certs::Get().File("client.pem"));
+  ASSERT_EQ(prop(client.root, c, "PeerCert").count(), 1u) << prop(client.root, c, "PeerCert").Describe();
+  EXPECT_EQ(prop(client.root, c, "PeerCert")[0], srvDer);
+  EXPECT_EQ(prop(client.root, c, "OwnCert")[0], cltDer);
+  EXPECT_EQ(prop(server.root, conn, "PeerCert")[0], cltDer);
+  EXPECT_EQ(prop(server.root, conn, "OwnCert")[0], srvDer);
+  host::CallResult d = Lib().Call(client.root, "AGetProp", Value::Nested({Value::Text(""), Value::Text("DecodeCert"), prop(client.root, c, "PeerCert")[0], Value::Int(1)}));
+  ASSERT_EQ(Code(d), 0);
+  EXPECT_EQ(d.result[1][1][5].text(), "CN=localhost");
+}
+
+}  // namespace
