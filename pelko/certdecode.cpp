@@ -127,7 +127,7 @@ static PAA Name(gnutls_x509_crt_t cert, int verbose, bool issuer) {
   int r = issuer ? gnutls_x509_crt_get_raw_issuer_dn(cert, &raw) : gnutls_x509_crt_get_raw_dn(cert, &raw);
   PAA b = VANewVector(VAI1, r >= 0 ? raw.size : 0);
   if (b && r >= 0 && raw.size) memcpy(VADATA(b), raw.data, raw.size);
-  // The raw names point into the certificate; they are not freed.
+  if (r >= 0) FREEGNUTLSDATUM(raw);
   return b;
 }
 

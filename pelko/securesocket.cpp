@@ -180,6 +180,14 @@ static void FirstHandshake(PRPCSECURE s) {
   if (r != ERR_HANDSHAKE_NOT_COMPLETED) s->Shutdown();
 }
 
+// The credentials own the certificates and the key now. GnuTLS copied the
+// array that held the certificates; only that array is ours to free.
+static void GiveToCredentials(PCERTDATA c) {
+  c->key = nullptr;
+  FREEGNUTLS(c->certs);
+  c->certsCount = 0;
+}
+
 void RPCSECURE::InitClt() {
   LOG(5, ("RPCSECURE::InitClt thread "));
   int r = gnutls_certificate_allocate_credentials(&xcred);
@@ -188,12 +196,7 @@ void RPCSECURE::InitClt() {
   if (pCert->certsCount && pCert->certs) {
     r = gnutls_certificate_set_key(xcred, nullptr, 0, pCert->certs, (int)pCert->certsCount, pCert->key);
     CHECKPOINT("InitClt", 1, r);
-    // The credentials own them now.
-    if (r >= 0) {
-      pCert->key = nullptr;
-      pCert->certs = nullptr;
-      pCert->certsCount = 0;
-    }
+    if (r >= 0) GiveToCredentials(pCert);
   }
   IsClient = true;
   r = gnutls_init(&session, GNUTLS_CLIENT | GNUTLS_NO_SIGNAL);
@@ -227,11 +230,7 @@ void RPCSECURE::InitSrv() {
     if (pCert->certsCount || pCert->privCert) {
       r = gnutls_certificate_set_key(xcred, nullptr, 0, pCert->certs, (int)pCert->certsCount, pCert->key);
       CHECKPOINT("InitSrv", 1, r);
-      if (r >= 0) {
-        pCert->key = nullptr;
-        pCert->certs = nullptr;
-        pCert->certsCount = 0;
-      }
+      if (r >= 0) GiveToCredentials(pCert);
     }
     TlsInitialised = true;
     if (r != 0 && r != ERR_HANDSHAKE_NOT_COMPLETED) {
