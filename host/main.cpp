@@ -7,6 +7,7 @@
 
 #include "host/demo.h"
 #include "host/library.h"
+#include "host/serve.h"
 
 namespace {
 
@@ -15,6 +16,8 @@ int Usage() {
           "usage: pelkohost version         the library's version\n"
           "       pelkohost demo [SCENE...] the end-to-end tour, or some of its scenes\n"
           "       pelkohost scenes          the scenes of the tour\n"
+          "       pelkohost serve [DIR] [--address A] [--port N] [--cert FILE --key FILE]\n"
+          "                                 a web server for DIR, with a WebSocket echo\n"
           "The library is PELKO_LIBRARY, else ../lib/pelko31_64.so beside this program,\n"
           "else %s\n",
           PELKO_BUILT_LIBRARY);
@@ -30,7 +33,9 @@ int main(int argc, char** argv) {
     for (const demo::Scene& s : demo::Scenes()) printf("%-10s %s\n", s.name, s.title);
     return 0;
   }
-  if (command != "version" && command != "demo") return Usage();
+  serve::Options options;
+  if (command == "serve" && !serve::ParseArgs(argc - 2, argv + 2, &options)) return serve::Usage();
+  if (command != "version" && command != "demo" && command != "serve") return Usage();
   std::string error;
   std::string path = host::FindLibrary(PELKO_BUILT_LIBRARY);
   std::unique_ptr<host::Library> lib = host::Library::Open(path, &error);
@@ -42,5 +47,6 @@ int main(int argc, char** argv) {
     printf("%s\n", lib->VersionText().c_str());
     return 0;
   }
+  if (command == "serve") return serve::Run(*lib, options);
   return demo::Run(*lib, std::vector<std::string>(argv + 2, argv + argc));
 }
