@@ -136,7 +136,9 @@ RPCSECURE::RPCSECURE(SOCKET s, PRPCSECURE parent, SessionCache2* cache)
 RPCSECURE::~RPCSECURE() {
   LOG(1, ("RPCSECURE::~RPCSECURE thread "));
   if (TlsInitialised) {
-    if (session) gnutls_bye(session, GNUTLS_SHUT_RDWR);
+    // Only on its own socket: once the descriptor is closed its number may
+    // already belong to another connection.
+    if (session && isValid()) gnutls_bye(session, GNUTLS_SHUT_RDWR);
     if (peerCertificate) gnutls_x509_crt_deinit(peerCertificate);
     if (session) gnutls_deinit(session);
     // Accepted sockets share their listener's credentials.
