@@ -76,6 +76,22 @@ host::CallResult Stage::Show(const std::string& rootName, const std::string& ver
   return r;
 }
 
+host::CallResult Stage::ShowDyadic(const std::string& rootName, const std::string& verb, const host::Value& left,
+                                   const host::Value& right) {
+  printf("\n      %s\n", Paint("1", Inline(left) + " Call '" + rootName + "' '" + verb + "' " + Inline(right)).c_str());
+  host::CallResult r = lib.Call(rootName, verb, left, right);
+  ShowResult(r);
+  return r;
+}
+
+host::CallResult Stage::Wait(const std::string& rootName, const std::string& name) {
+  return ShowDyadic(rootName, "AWaitZ", host::Value::Int(0), host::Value::Nested({host::Value::Text(name), host::Value::Int(2000)}));
+}
+
+bool IsEvent(const host::CallResult& r, const char* event) {
+  return r.result.isNested() && r.result.count() == 4 && r.result[2].text() == event;
+}
+
 void Stage::ShowResult(const host::CallResult& r) {
   std::string name = host::ErrorName(r.rc);
   printf("  %s %d%s\n", Paint("2", "rc").c_str(), r.rc, name.empty() ? "" : ("  " + Paint("33", name)).c_str());

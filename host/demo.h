@@ -27,6 +27,11 @@ class Stage {
   // Makes a call through Call and shows it with its result.
   host::CallResult Show(const std::string& root, const std::string& verb, const host::Value& right);
   host::CallResult Show(const std::string& verb, const host::Value& right) { return Show(root, verb, right); }
+  // A dyadic call, shown as the session writes it: left value, verb, right.
+  host::CallResult ShowDyadic(const std::string& root, const std::string& verb, const host::Value& left,
+                              const host::Value& right);
+  // The wait verb on a name, for two seconds at most, shown.
+  host::CallResult Wait(const std::string& root, const std::string& name);
   void ShowResult(const host::CallResult& r);
   // Notes an expectation; a scene fails if any of its checks does.
   bool Expect(bool ok, const std::string& what);
@@ -38,6 +43,9 @@ class Stage {
 
   bool color_;
 };
+
+// Whether a wait gave that event.
+bool IsEvent(const host::CallResult& r, const char* event);
 
 struct Scene {
   int order;          // scenes run in ascending order

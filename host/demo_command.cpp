@@ -11,33 +11,6 @@ using host::Value;
 
 Value Opt(const char* name, Value v) { return Value::Nested({Value::Text(name), std::move(v)}); }
 
-// An argument on one line: texts quoted, items in parentheses.
-std::string OneLine(const Value& v) {
-  if (v.isText()) return "'" + v.text() + "'";
-  if (!v.isNested()) return v.Format().substr(0, v.Format().find('\n'));
-  std::string s = "(";
-  for (const Value& item : v.items()) s += (s.size() > 1 ? " " : "") + OneLine(item);
-  return s + ")";
-}
-
-// A dyadic call, shown as the session writes it: left value, verb, right.
-host::CallResult ShowDyadic(demo::Stage& s, const std::string& root, const std::string& verb, const Value& left,
-                            const Value& right) {
-  printf("\n      %s Call '%s' '%s' %s\n", OneLine(left).c_str(), root.c_str(), verb.c_str(),
-         OneLine(right).c_str());
-  host::CallResult r = s.lib.Call(root, verb, left, right);
-  s.ShowResult(r);
-  return r;
-}
-
-host::CallResult Wait(demo::Stage& s, const std::string& root, const std::string& name) {
-  return ShowDyadic(s, root, "AWaitZ", Value::Int(0), Value::Nested({Value::Text(name), Value::Int(2000)}));
-}
-
-bool IsEvent(const host::CallResult& r, const char* event) {
-  return r.result.isNested() && r.result.count() == 4 && r.result[2].text() == event;
-}
-
 void Commands(demo::Stage& s) {
   const std::string srv = "DEMOSRV", clt = "DEMOCLT";
   s.Say("Two roots stand for two APL sessions: one listens, the other connects.");
@@ -53,28 +26,28 @@ void Commands(demo::Stage& s) {
   r = s.Show(clt, "AClt", Value::Nested({Opt("Name", Value::Text("C")), Opt("Address", Value::Text("127.0.0.1")),
                                          Opt("Port", Value::Text(std::to_string(port)))}));
   s.Expect(r.result.isNested(), "a connected client");
-  r = Wait(s, srv, "");
-  s.Expect(IsEvent(r, "Connect"), "the server's Connect event");
+  r = s.Wait(srv, "");
+  s.Expect(demo::IsEvent(r, "Connect"), "the server's Connect event");
 
   s.Say("The client sends a whole array as the command 'sum'; the server gets it as it was.");
   Value question = Value::Nested({Value::Text("sum"), Value::Ints({1, 2, 3, 4})});
-  ShowDyadic(s, clt, "ASendZ", question, Value::Nested({Value::Text("C.sum"), Value::Int(0)}));
-  r = Wait(s, srv, "");
-  if (!s.Expect(IsEvent(r, "Receive") && r.left && *r.left == question, "the request as sent")) return;
+  s.ShowDyadic(clt, "ASendZ", question, Value::Nested({Value::Text("C.sum"), Value::Int(0)}));
+  r = s.Wait(srv, "");
+  if (!s.Expect(demo::IsEvent(r, "Receive") && r.left && *r.left == question, "the request as sent")) return;
   std::string name = r.result[1].text();
 
   s.Say("A progress report (flag 0), then the answer (flag 1), under the same name.");
-  ShowDyadic(s, srv, "ARespondZ", Value::Text("working"), Value::Nested({Value::Text(name), Value::Int(0)}));
-  r = Wait(s, clt, "C");
-  s.Expect(IsEvent(r, "Progress"), "the progress report");
-  ShowDyadic(s, srv, "ARespondZ", Value::Int(10), Value::Nested({Value::Text(name), Value::Int(1)}));
-  r = Wait(s, clt, "C");
-  s.Expect(IsEvent(r, "Receive") && r.left && *r.left == Value::Int(10), "the answer 10");
+  s.ShowDyadic(srv, "ARespondZ", Value::Text("working"), Value::Nested({Value::Text(name), Value::Int(0)}));
+  r = s.Wait(clt, "C");
+  s.Expect(demo::IsEvent(r, "Progress"), "the progress report");
+  s.ShowDyadic(srv, "ARespondZ", Value::Int(10), Value::Nested({Value::Text(name), Value::Int(1)}));
+  r = s.Wait(clt, "C");
+  s.Expect(demo::IsEvent(r, "Receive") && r.left && *r.left == Value::Int(10), "the answer 10");
 
   s.Say("Closing the client: the server hears of it, the client side ends quietly.");
   s.Show(clt, "AClose", Value::Text("C"));
-  r = Wait(s, srv, "");
-  s.Expect(IsEvent(r, "Error") && r.left && *r.left == Value::Int(1119), "ERR_CLOSED at the server");
+  r = s.Wait(srv, "");
+  s.Expect(demo::IsEvent(r, "Error") && r.left && *r.left == Value::Int(1119), "ERR_CLOSED at the server");
   s.lib.Call(clt, "AClose", Value::Text("."));
   s.lib.Call(srv, "AClose", Value::Text("."));
 }

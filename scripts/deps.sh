@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, when missing.
 set -euo pipefail
+# The build, then the real peers the tests talk to: curl, wrk, OpenSSL's and
+# GnuTLS's tools, Python with websockets, Node.js with ws, a headless
+# browser, and nginx for the benchmarks.
 pkgs=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev libgnutls28-dev
-      libtasn1-6-dev zlib1g-dev libintelrdfpmath-dev gnutls-bin curl openssl valgrind)
+      libtasn1-6-dev zlib1g-dev libintelrdfpmath-dev gnutls-bin curl openssl valgrind
+      wrk python3 python3-websockets nodejs node-ws chromium nginx-light procps)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
