@@ -59,9 +59,13 @@ HTTPCONNECTION::~HTTPCONNECTION() {
   pWSHost = nullptr;
   free(pUserHeaders);
   pUserHeaders = nullptr;
+  // A host thread waits on a change-over this connection won't make now.
   HANDOVER* h = pHandover.exchange(nullptr);
-  if (h) delete h->pAnswer;
-  delete h;
+  if (h) {
+    delete h->pAnswer;
+    h->pAnswer = nullptr;
+    h->done.release(1);
+  }
   if (fUpgraded) pCon = nullptr;
 }
 

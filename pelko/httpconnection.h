@@ -61,11 +61,14 @@ class HTTPCONNECTION : public CONNECTION {
   SI4 SetUpgradeProp(PHIERAKI pItem, PCH1 name, PAA value);
   // A change-over the host asked for: the work thread makes it at the start
   // of its next round, so no round ever runs on a connection that has given
-  // its socket away. The answer to send may be null.
+  // its socket away, and the host's thread waits until it is made. The
+  // answer to send may be null.
   struct HANDOVER {
     PBUFFER pAnswer;
+    TALSEMATO done{0, 1};
   };
   std::atomic<HANDOVER*> pHandover;
+  SI4 HandOver(PHIERAKI pItem, PBUFFER answer);
 };
 typedef HTTPCONNECTION* PHTTPCONNECTION;
 

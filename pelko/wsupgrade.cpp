@@ -27,6 +27,8 @@
 // Room of the templates beside what fills them.
 #define WSUPGRADEREQ_ROOM 134
 #define WSUPGRADEANS_ROOM 111
+// How long a host thread waits for the work thread to make a change-over.
+#define HANDOVER_WAIT_MS 60000
 // Bytes of a client's key before base 64.
 #define WSKEYBYTES 16
 
@@ -133,18 +135,46 @@ SI4 HTTPCONNECTION::Upgrade(PFDSETS fds, PBUFFER copy, UI4 pos) {
   return ERR_WSUPGRADE_FAILED;
 }
 
+// The work thread's side of a change-over the host asked for. The host's
+// thread owns the hand-over and frees it once told.
 SI4 HTTPCONNECTION::Setinfo(PFDSETS fds) {
   HANDOVER* h = pHandover.exchange(nullptr);
   if (!h) return CONNECTION::Setinfo(fds);
   PBUFFER answer = h->pAnswer;
-  delete h;
+  h->pAnswer = nullptr;
   PHIERAKI self = fds->pItem;
   if (State != SConnected) {
     delete answer;
+    h->done.release(1);
     return CONNECTION::Setinfo(fds);
   }
   DoWebSocketUpgrade(self, answer, nullptr);
+  h->done.release(1);
   return self->pObj->Setinfo(fds);
+}
+
+// The host's side: one change-over at a time, made by the work thread's
+// next round, which the wake-up starts at once. A root whose thread has
+// ended takes the hand-over back untouched.
+SI4 HTTPCONNECTION::HandOver(PHIERAKI pItem, PBUFFER answer) {
+  HANDOVER* h = new HANDOVER();
+  h->pAnswer = answer;
+  HANDOVER* none = nullptr;
+  if (!pHandover.compare_exchange_strong(none, h)) {
+    delete answer;
+    delete h;
+    return ERR_OBJECT_ACTIVITY;
+  }
+  PROOT root = RootObj(pItem);
+  SI4 rc = root ? root->Dirty() : ERR_ROOT_NOT_FOUND;
+  if (rc == 0 && h->done.wait(HANDOVER_WAIT_MS) == SemReleased) {
+    delete h;
+    return 0;
+  }
+  if (pHandover.exchange(nullptr) != h) h->done.wait();  // taken: it is being made
+  delete h->pAnswer;
+  delete h;
+  return rc;
 }
 
 // Element i of a value as a text from malloc; "" when the value has fewer
@@ -230,17 +260,14 @@ SI4 HTTPCONNECTION::SetUpgradeProp(PHIERAKI pItem, PCH1 name, PAA value) {
       ok = isWSUpgradeAns(&header, pWSUpgradeKey);
     }
     if (ok && self) {
-      HANDOVER* h = new HANDOVER{answer};
-      h = pHandover.exchange(h);
-      if (h) delete h->pAnswer;
-      delete h;
+      rc = HandOver(pItem, answer);
     } else {
       delete answer;
+      PROOT root = RootObj(pItem);
+      rc = root ? root->Dirty() : ERR_ROOT_NOT_FOUND;
     }
   }
   free(text);
   free(extra);
-  if (rc) return rc;
-  PROOT root = RootObj(pItem);
-  return root ? root->Dirty() : ERR_ROOT_NOT_FOUND;
+  return rc;
 }
