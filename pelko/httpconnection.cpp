@@ -64,7 +64,7 @@ HTTPCONNECTION::~HTTPCONNECTION() {
   if (h) {
     delete h->pAnswer;
     h->pAnswer = nullptr;
-    h->done.release(1);
+    h->Made();
   }
   if (fUpgraded) pCon = nullptr;
 }

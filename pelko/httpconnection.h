@@ -66,6 +66,14 @@ class HTTPCONNECTION : public CONNECTION {
   struct HANDOVER {
     PBUFFER pAnswer;
     TALSEMATO done{0, 1};
+    std::atomic<int> refs{2};  // the two threads; the last one out frees it
+    void Made() {
+      done.release(1);
+      Drop();
+    }
+    void Drop() {
+      if (--refs == 0) delete this;
+    }
   };
   std::atomic<HANDOVER*> pHandover;
   SI4 HandOver(PHIERAKI pItem, PBUFFER answer);

@@ -135,8 +135,7 @@ SI4 HTTPCONNECTION::Upgrade(PFDSETS fds, PBUFFER copy, UI4 pos) {
   return ERR_WSUPGRADE_FAILED;
 }
 
-// The work thread's side of a change-over the host asked for. The host's
-// thread owns the hand-over and frees it once told.
+// The work thread's side of a change-over the host asked for.
 SI4 HTTPCONNECTION::Setinfo(PFDSETS fds) {
   HANDOVER* h = pHandover.exchange(nullptr);
   if (!h) return CONNECTION::Setinfo(fds);
@@ -145,11 +144,11 @@ SI4 HTTPCONNECTION::Setinfo(PFDSETS fds) {
   PHIERAKI self = fds->pItem;
   if (State != SConnected) {
     delete answer;
-    h->done.release(1);
+    h->Made();
     return CONNECTION::Setinfo(fds);
   }
   DoWebSocketUpgrade(self, answer, nullptr);
-  h->done.release(1);
+  h->Made();
   return self->pObj->Setinfo(fds);
 }
 
@@ -168,12 +167,16 @@ SI4 HTTPCONNECTION::HandOver(PHIERAKI pItem, PBUFFER answer) {
   PROOT root = RootObj(pItem);
   SI4 rc = root ? root->Dirty() : ERR_ROOT_NOT_FOUND;
   if (rc == 0 && h->done.wait(HANDOVER_WAIT_MS) == SemReleased) {
-    delete h;
+    h->Drop();
     return 0;
   }
-  if (pHandover.exchange(nullptr) != h) h->done.wait();  // taken: it is being made
-  delete h->pAnswer;
-  delete h;
+  if (pHandover.exchange(nullptr) == h) {  // never taken: withdrawn
+    delete h->pAnswer;
+    delete h;
+    return rc;
+  }
+  h->done.wait();  // taken: it is being made
+  h->Drop();
   return rc;
 }
 
