@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "certdata.h"
 #include "log.h"
 #include "pelkoerr.h"
 
@@ -18,18 +19,7 @@
 // Room of a subject key identifier.
 #define KEYID_ROOM 256
 
-gnutls_datum_t CertCollection::LoadFile(const char* name) {
-  gnutls_datum_t d = {nullptr, 0};
-  FILE* f = fopen(name, "rb");
-  if (!f) return d;
-  long size = -1;
-  if (fseek(f, 0, SEEK_END) == 0) size = ftell(f);
-  fseek(f, 0, SEEK_SET);
-  if (size >= 0 && size < 0x7FFFFFFF) d.data = (unsigned char*)TAL_gnutls_malloc((size_t)size + 1);
-  if (d.data) d.size = (unsigned)fread(d.data, 1, (size_t)size, f);
-  fclose(f);
-  return d;
-}
+gnutls_datum_t CertCollection::LoadFile(const char* name) { return read_binary_file(name); }
 
 void CertCollection::UnloadFile(gnutls_datum_t data) {
   if (data.data) TAL_gnutls_free(data.data);

@@ -8,23 +8,16 @@
 #include <set>
 #include <sstream>
 
+#include "servepeer.h"
 #include "streampeer.h"
 #include "tlscerts.h"
 
 namespace {
 
 using namespace streamtest;
+using servetest::Shell;
 using tlstest::Certs;
 
-std::string Slurp(const std::string& cmd) {
-  std::string out;
-  FILE* f = popen(cmd.c_str(), "r");
-  char buf[4096];
-  size_t n;
-  while (f && (n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
-  if (f) pclose(f);
-  return out;
-}
 
 // The value behind "label: " in certtool's report.
 std::string Field(const std::string& report, const std::string& label) {
@@ -48,7 +41,7 @@ host::CallResult Certs_(const std::string& root, std::vector<Value> opts) {
 
 // The DER bytes of a PEM file's first certificate.
 Value Der(const std::string& pem) {
-  std::string der = Slurp("certtool --certificate-info --outder --infile '" + pem + "' 2>/dev/null");
+  std::string der = Shell("certtool --certificate-info --outder --infile '" + pem + "' 2>/dev/null");
   std::vector<int8_t> bytes(der.begin(), der.end());
   return Value::Int8s(bytes);
 }
@@ -59,7 +52,7 @@ TEST(CertDecode, PartsMatchWhatCerttoolPrints) {
   tzset();
   Roots r("CertDecode");
   std::string file = Certs::Get().File("serial.pem");
-  std::string report = Slurp("certtool -i --infile '" + file + "'");
+  std::string report = Shell("certtool -i --infile '" + file + "'");
   Value der = Der(file);
   host::CallResult v = Certs_(r.root, {Opt("Type", Value::Text("Decode")), Opt("Source", der), Opt("Details", Value::Int(1))});
   ASSERT_EQ(Code(v), 0) << v.result.Format();
@@ -106,7 +99,7 @@ TEST(CertDecode, FilesGiveOneByteVectorPerCertificate) {
   EXPECT_EQ(v.result[1][1], Der(c.File("ca.pem")));
   // A DER file gives its one certificate, the same bytes as from PEM.
   std::string derFile = c.File("srv.der");
-  Slurp("certtool --certificate-info --outder --infile '" + c.File("srv.pem") + "' --outfile '" + derFile + "'");
+  Shell("certtool --certificate-info --outder --infile '" + c.File("srv.pem") + "' --outfile '" + derFile + "'");
   v = Certs_(r.root, {Opt("Type", Value::Text("DER")), Opt("Source", Value::Text(derFile))});
   ASSERT_EQ(Code(v), 0);
   ASSERT_EQ(v.result[1].count(), 1u);

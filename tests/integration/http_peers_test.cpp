@@ -17,17 +17,6 @@ using namespace streamtest;
 using servetest::Have;
 using servetest::Shell;
 
-Value Rows(std::vector<std::pair<std::string, std::string>> rows) {
-  std::vector<Value> cells;
-  for (auto& r : rows) {
-    cells.push_back(Value::Text(r.first));
-    cells.push_back(Value::Text(r.second));
-  }
-  if (cells.empty()) cells.push_back(Value::Text(""));
-  Value m;
-  EXPECT_TRUE(Value::Nested({rows.size(), 2}, cells, &m));
-  return m;
-}
 
 // A request as the library server saw it, and how it answered.
 struct Seen {

@@ -154,19 +154,6 @@ TEST(HttpReceive, RefusedInputEndsOnlyItsConnection) {
   }
 }
 
-// A matrix of (name value) rows.
-Value Rows(std::vector<std::pair<std::string, std::string>> rows) {
-  std::vector<Value> cells;
-  for (auto& r : rows) {
-    cells.push_back(Value::Text(r.first));
-    cells.push_back(Value::Text(r.second));
-  }
-  if (cells.empty()) cells.push_back(Value::Text(""));
-  Value m;
-  EXPECT_TRUE(Value::Nested({rows.size(), 2}, cells, &m));
-  return m;
-}
-
 // The rows of a decoded matrix, whatever its type.
 std::vector<std::pair<std::string, std::string>> RowsOf(const Value& m) {
   EXPECT_EQ(m.rank(), 2u) << m.Describe();

@@ -181,6 +181,19 @@ inline std::string Block(const std::string& root, const std::string& name, const
   return Bytes(e.data);
 }
 
+// A matrix of (name value) rows, as HTTP headers are given and decoded.
+inline Value Rows(std::vector<std::pair<std::string, std::string>> rows) {
+  std::vector<Value> cells;
+  for (auto& r : rows) {
+    cells.push_back(Value::Text(r.first));
+    cells.push_back(Value::Text(r.second));
+  }
+  if (cells.empty()) cells.push_back(Value::Text(""));
+  Value m;
+  EXPECT_TRUE(Value::Nested({rows.size(), 2}, cells, &m));
+  return m;
+}
+
 inline Value Strings(std::vector<std::string> texts) {
   std::vector<Value> items;
   for (auto& t : texts) items.push_back(Value::Text(t));
