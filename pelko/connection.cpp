@@ -122,8 +122,13 @@ PCH10 CONNECTION::AutoName(PCH10 name, PCH10 spare) {
   return at + 1;
 }
 
+// The buffer is the message's from here on, also when it is refused: once
+// the message is in the tree, a failed wake-up must not hand it back.
 SI4 CONNECTION::SendBuffer(PHIERAKI pItem, PCH10 name, PBUFFER pBuffer, UI4 flag) {
-  if (State != SConnected) return ERR_CLOSED;
+  if (State != SConnected) {
+    delete pBuffer;
+    return ERR_CLOSED;
+  }
   char spare[AUTONAME_ROOM];
   name = AutoName(name, spare);
   PMESSAGE m = new MESSAGE(pBuffer, SReadyToSend);
@@ -131,7 +136,6 @@ SI4 CONNECTION::SendBuffer(PHIERAKI pItem, PCH10 name, PBUFFER pBuffer, UI4 flag
   m->NextState = flag == 3 ? SSent : SFinished;
   if (flag == 1) m->NextPState = SShutdown;
   if (!pItem->AddNew(name, m)) {
-    m->pBuf = nullptr;  // the buffer stays the caller's
     delete m;
     return ERR_NAME_IN_USE;
   }
@@ -143,9 +147,11 @@ SI4 CONNECTION::SendZ(PHIERAKI pItem, PCH10 name, PUI4 z, UI4 size, UI4 flag) {
   PBUFFER b = nullptr;
   // A compose step may leave a buffer behind with its failure.
   SI4 rc = ComposeBuffer(z, size, &b);
-  if (!rc) rc = SendBuffer(pItem, name, b, flag);
-  if (rc) delete b;
-  return rc;
+  if (rc) {
+    delete b;
+    return rc;
+  }
+  return SendBuffer(pItem, name, b, flag);
 }
 
 SI4 CONNECTION::Setinfo(PFDSETS fds) {

@@ -82,6 +82,8 @@ class RPCOBJS {
 
   virtual SI4 Close(PHIERAKI pItem);
   virtual SI4 CleanUp(PHIERAKI pItem);
+  // Queues a buffer to be sent under the name; the buffer is taken over,
+  // and freed when refused.
   virtual SI4 SendBuffer(PHIERAKI pItem, PCH10 name, PBUFFER pBuffer, UI4 flag);
   virtual SI4 SendZ(PHIERAKI pItem, PCH10 name, PUI4 z, UI4 size, UI4 flag);
   virtual SI4 ComposeBuffer(PUI4 z, UI4 size, PBUFFER* ppOut);

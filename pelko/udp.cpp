@@ -33,18 +33,23 @@ SI4 UDPADDR::SetAddr(PCH10 host, PCH10 port, PROTOCOL prot) {
   return rc;
 }
 
-// SendBuffer refuses a peer that isn't connected, and a buffer it refuses
-// (or none, when composing failed) is dropped here.
+// A buffer composing left behind with its failure is dropped here;
+// SendBuffer owns the buffer it is given.
 SI4 UDPADDR::SendZ(PHIERAKI pItem, PCH10 name, PUI4 z, UI4 size, UI4 flag) {
   PBUFFER b = nullptr;
   SI4 rc = State == SConnected ? ComposeBuffer(z, size, &b) : ERR_CLOSED;
-  if (!rc) rc = SendBuffer(pItem, name, b, flag);
-  if (rc) delete b;
-  return rc;
+  if (rc) {
+    delete b;
+    return rc;
+  }
+  return SendBuffer(pItem, name, b, flag);
 }
 
 SI4 UDPADDR::SendBuffer(PHIERAKI pItem, PCH10 name, PBUFFER pBuffer, UI4) {
-  if (State != SConnected) return ERR_CLOSED;
+  if (State != SConnected) {
+    delete pBuffer;
+    return ERR_CLOSED;
+  }
   char spare[AUTONAME_ROOM];
   if (!name || !*name) {
     PCH10 at = name ? name : spare;
@@ -55,7 +60,6 @@ SI4 UDPADDR::SendBuffer(PHIERAKI pItem, PCH10 name, PBUFFER pBuffer, UI4) {
   m->NextState = SFinished;
   m->Mode = pItem->pObj->Mode;
   if (!pItem->AddNew(name, m)) {
-    m->pBuf = nullptr;  // the buffer stays the caller's
     delete m;
     return ERR_NAME_IN_USE;
   }
@@ -171,8 +175,10 @@ SI4 UDP::SendZ(PHIERAKI pItem, PCH10 name, PUI4 z, UI4, UI4 flag) {
     rc = VAGetpAA(arg, 2, &data);
     if (!rc) rc = ComposeArray(data, &b);
     VAFree(data);
-    if (!rc) rc = peer->pObj->SendBuffer(peer, nullptr, b, flag);
-    if (rc) delete b;
+    if (rc)
+      delete b;
+    else
+      rc = peer->pObj->SendBuffer(peer, nullptr, b, flag);
   }
   VAFree(arg);
   if (rc) return rc;

@@ -160,9 +160,7 @@ SI4 WEBSOCKET::SendFrame(PHIERAKI pItem, UI1 opcode, const char* data, UI4 lengt
   if (rc) return rc;
   char name[MAXNAMELENGTH + 1];
   snprintf(name, sizeof(name), "WSMsg%08u", NameCnt++);
-  rc = SendBuffer(pItem, name, b, flag);
-  if (rc) delete b;
-  return rc;
+  return SendBuffer(pItem, name, b, flag);
 }
 
 SI4 WEBSOCKET::SendClose(PHIERAKI pItem, UI2 status, const char* text, UI4 length, UI4 flag) {

@@ -14,6 +14,7 @@
 #include "orvanenaz.h"
 #include "engine_helpers.h"
 #include "pelkoerr.h"
+#include "rawconnection.h"
 #include "root.h"
 #include "verbs.h"
 #include "work.h"
@@ -262,6 +263,15 @@ TEST(Root, DirtyAfterThreadEnded) {
   EXPECT_EQ(p->Dirty(), ERR_WORKTHREADENDED);
   EXPECT_EQ(KickStart((char*)"ended"), ERR_WORKTHREADENDED);
   EXPECT_EQ(p->pWork, nullptr);
+  // A send whose wake-up fails leaves its buffer with the queued message:
+  // freeing it again would be the sender's double free.
+  PRAWCONNECTION c = new RAWCONNECTION(64, MRaw);
+  c->State = SConnected;
+  PHIERAKI h = root->AddNew("late", c);
+  ASSERT_NE(h, nullptr);
+  char name[32] = "";
+  EXPECT_EQ(c->SendBuffer(h, name, new BUFFER(3, (PCH1) "abc"), 0), ERR_WORKTHREADENDED);
+  EXPECT_EQ(h->CountChildren(), 1);
   auto t0 = std::chrono::steady_clock::now();
   PAA r = RunVerb(AClose, root, VAText("."));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
