@@ -137,7 +137,8 @@ static PAA PublicKey(gnutls_x509_crt_t cert, int verbose) {
   unsigned bits = 0;
   int alg = gnutls_x509_crt_get_pk_algorithm(cert, &bits);
   if (verbose) {
-    const char* name = gnutls_pk_algorithm_get_name((gnutls_pk_algorithm_t)alg);
+    // A negative answer is an error code, not an algorithm.
+    const char* name = alg >= 0 ? gnutls_pk_algorithm_get_name((gnutls_pk_algorithm_t)alg) : nullptr;
     SetText(v, 0, name ? name : "");
   } else {
     SetAsn1(v, 0, cert, "tbsCertificate.subjectPublicKeyInfo.algorithm.algorithm");
@@ -174,7 +175,8 @@ SI4 DecodeCertInfo(gnutls_x509_crt_t cert, int verbose, PPAA ppCertinfo) {
   PAA sig = VANewVector(VAPntr, 2);
   if (sig) {
     if (verbose) {
-      const char* name = gnutls_sign_get_name((gnutls_sign_algorithm_t)gnutls_x509_crt_get_signature_algorithm(cert));
+      int alg = gnutls_x509_crt_get_signature_algorithm(cert);
+      const char* name = alg >= 0 ? gnutls_sign_get_name((gnutls_sign_algorithm_t)alg) : nullptr;
       SetText(sig, 0, name ? name : "");
     } else {
       SetAsn1(sig, 0, cert, "tbsCertificate.signature.algorithm");

@@ -6,7 +6,8 @@ set -euo pipefail
 # browser, and nginx for the benchmarks.
 pkgs=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev libgnutls28-dev
       libtasn1-6-dev zlib1g-dev libintelrdfpmath-dev gnutls-bin curl openssl valgrind
-      wrk python3 python3-websockets nodejs node-ws chromium nginx-light procps)
+      wrk python3 python3-websockets nodejs node-ws chromium nginx-light procps
+      clang libclang-rt-14-dev)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

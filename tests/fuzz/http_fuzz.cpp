@@ -39,10 +39,12 @@ PHIERAKI Decode(PHIERAKI h, void* flags) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzkit::Input in(data, size);
   UI4 bufferSize = 16 + in.Byte() * 4;
-  UI4 flags = in.Byte();
-  flags = (flags & 0x0F) | (flags & 0x10 ? DecodeInts : 0);
+  UI4 choice = in.Byte();
+  UI4 flags = (choice & 0x0F) | (choice & 0x10 ? DecodeInts : 0);
   PHTTPCONNECTION c = new HTTPCONNECTION(bufferSize, MHttp);
   c->State = SConnected;
+  c->Type = choice & 0x40 ? TClient : TConnection;
+  c->Features = choice & 0x20 ? 1 : 0;
   PHIERAKI node = new HIERAKI("C", c);
   FDSETS fds = {};
   fds.pItem = node;
