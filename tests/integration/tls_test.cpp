@@ -14,11 +14,7 @@ using namespace streamtest;
 using tlstest::Anonymous;
 using tlstest::Certs;
 using tlstest::Presenting;
-
-std::vector<Value> With(std::vector<Value> a, const std::vector<Value>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
+using tlstest::With;
 
 // A root whose trust store is the given directory.
 struct Trusting : Roots {
@@ -79,18 +75,7 @@ TEST(TlsVerify, AClientAcceptsByItsFlags) {
 
 TEST(TlsVerify, AServerAsksForClientCertificatesByItsFlags) {
   if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
-  struct Case {
-    const char* what;
-    int serverFlags;
-    bool clientPresents;
-    bool served;
-  } cases[] = {
-      {"required and given", 128, true, true},
-      {"required and absent", 128, false, false},
-      {"requested and absent", 64, false, true},
-      {"requested and given", 64, true, true},
-  };
-  for (const Case& c : cases) {
+  for (const tlstest::ClientCertCase& c : tlstest::kClientCertCases) {
     SCOPED_TRACE(c.what);
     Trusting server("TlsClientCertS", Certs::Get().Roots());
     int port = Serve(server.root, "S", "text",

@@ -12,6 +12,7 @@
 #include <ctime>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "host/value.h"
 
@@ -82,6 +83,12 @@ inline host::Value Opt(const char* name, host::Value v) {
   return host::Value::Nested({host::Value::Text(name), std::move(v)});
 }
 
+// Option lists joined: a's, then b's.
+inline std::vector<host::Value> With(std::vector<host::Value> a, const std::vector<host::Value>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
 // The options that present a certificate and its key, read from files.
 inline std::vector<host::Value> Presenting(const std::string& name) {
   const Certs& c = Certs::Get();
@@ -95,5 +102,20 @@ inline std::vector<host::Value> Anonymous() {
   using host::Value;
   return {Opt("PublicCertFile", Value::Nested({Value::Text("DER"), Value::Text(""), Value::Int(0)}))};
 }
+
+// Whether a server that requires (flags 128) or requests (64) client
+// certificates serves a client that presents one or none.
+struct ClientCertCase {
+  const char* what;
+  int serverFlags;
+  bool clientPresents;
+  bool served;
+};
+inline const ClientCertCase kClientCertCases[] = {
+    {"required and given", 128, true, true},
+    {"required and absent", 128, false, false},
+    {"requested and absent", 64, false, true},
+    {"requested and given", 64, true, true},
+};
 
 }  // namespace tlstest
