@@ -155,7 +155,6 @@ static SI4 FromPkcs12(PCERTDATA c, const char* name) {
       if (r >= 0) x509key = nullptr;
       c->certs = certs;
       c->certsCount = chainSize;
-      if (chainSize) c->pubCert = CDTDERFile;
     } else {
       FREEGNUTLS(certs);
     }

@@ -3,6 +3,7 @@
 // certificates of a live connection, and bytes that are no certificate.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <set>
@@ -77,6 +78,27 @@ TEST(CertDecode, PartsMatchWhatCerttoolPrints) {
   EXPECT_EQ(v.result[1][1][4][0].count(), 7u);
   // The signature's OID, as the ASN.1 read gives it: with its terminator.
   EXPECT_EQ(v.result[1][1][2][0].text(), std::string("1.2.840.10045.4.3.2") + '\0');
+
+  // The serial number 00 FF made into the single byte FF, which is -1: the
+  // certificate and its signed part each lose a byte of length (its
+  // signature no longer holds, which decoding doesn't look at).
+  std::vector<int8_t> bytes;
+  for (int64_t b : der.ints()) bytes.push_back((int8_t)b);
+  const std::vector<int8_t> serial = {0x02, 0x02, 0x00, -1};
+  auto at = std::search(bytes.begin(), bytes.end(), serial.begin(), serial.end());
+  ASSERT_TRUE(bytes[1] == (int8_t)0x82 && bytes[5] == (int8_t)0x82 && at != bytes.end());
+  for (size_t len : {2u, 6u}) {
+    int n = ((uint8_t)bytes[len] << 8 | (uint8_t)bytes[len + 1]) - 1;
+    bytes[len] = (int8_t)(n >> 8);
+    bytes[len + 1] = (int8_t)n;
+  }
+  at[1] = 0x01;
+  bytes.erase(at + 2);
+  for (int details : {1, 0}) {
+    v = Certs_(r.root, {Opt("Type", Value::Text("Decode")), Opt("Source", Value::Int8s(bytes)), Opt("Details", Value::Int(details))});
+    ASSERT_EQ(Code(v), 0) << v.result.Format();
+    EXPECT_EQ(v.result[1][1][1], details ? Value::Text("-1") : Value::Int8s({-1}));
+  }
 
   // The root property decodes the same bytes the same way.
   host::CallResult p = Lib().Call(r.root, "AGetProp", Value::Nested({Value::Text(""), Value::Text("DecodeCert"), der, Value::Int(1)}));

@@ -5,6 +5,7 @@
 
 #include <map>
 
+#include "servepeer.h"
 #include "streampeer.h"
 #include "tlscerts.h"
 
@@ -183,6 +184,78 @@ TEST(TlsModes, ASilentPeerAndClosedConnectionsHoldUpNothing) {
     EXPECT_EQ(Block(client.root, "C"), "pong\n");
     Lib().Call(client.root, "AClose", Value::Text("."));
     EXPECT_EQ(Wait(server.root, e.name, 3000).event, "BlockLast");  // the peer's close
+  }
+}
+
+std::vector<int8_t> FileBytes(const std::string& path) {
+  std::string s = servetest::Shell("cat '" + path + "'");
+  return std::vector<int8_t>(s.begin(), s.end());
+}
+
+// Every way to give a server its certificate and key: PEM files, DER files,
+// bytes, and a PKCS #12 file with its password.
+TEST(TlsCertificates, EveryWayToPresentOne) {
+  if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
+  const Certs& c = Certs::Get();
+  servetest::Shell("certtool --certificate-info --outder --infile '" + c.File("srv.pem") + "' --outfile '" + c.File("srv.der") + "'"
+                   " && certtool -k --outder --infile '" + c.File("srv.key") + "' --outfile '" + c.File("srv.key.der") + "'"
+                   " && certtool --to-p12 --load-certificate '" + c.File("srv.pem") + "' --load-privkey '" + c.File("srv.key") +
+                   "' --outder --password secret --p12-name srv --outfile '" + c.File("srv.p12") + "' >/dev/null 2>&1");
+  auto list = [](const char* type, const std::string& file) {
+    return Value::Nested({Value::Text(type), Value::Text(file), Value::Int(0)});
+  };
+  const struct {
+    const char* what;
+    std::vector<Value> opts;
+    int32_t rc;
+  } ways[] = {
+      {"PEM files", Presenting("srv"), 0},
+      {"a DER certificate file", {Opt("PublicCertFile", list("DER", c.File("srv.der"))), Opt("PrivateKeyFile", list("DER", c.File("srv.key")))}, 0},
+      // A key file is tried as DER only after two of GnuTLS's PEM answers,
+      // and a DER key gets another one from this GnuTLS: not read.
+      {"a DER key file", {Opt("PublicCertFile", list("DER", c.File("srv.der"))), Opt("PrivateKeyFile", list("DER", c.File("srv.key.der")))}, 1207},
+      {"bytes", {Opt("PublicCertData", Value::Int8s(FileBytes(c.File("srv.der")))),
+                 Opt("PrivateKeyData", Value::Int8s(FileBytes(c.File("srv.key.der"))))}, 0},
+      {"PKCS #12", {Opt("PublicCertFile", list("DER", "")), Opt("PrivateKeyFile", list("PK#12", c.File("srv.p12"))),
+                    Opt("PrivateKeyPass", Value::Text("secret"))}, 0},
+      {"PKCS #12 with a wrong password", {Opt("PublicCertFile", list("DER", "")), Opt("PrivateKeyFile", list("PK#12", c.File("srv.p12"))),
+                                          Opt("PrivateKeyPass", Value::Text("wrong"))}, 1207},
+  };
+  Trusting client("TlsWaysC", c.Roots());
+  Trusting server("TlsWaysS", c.Roots());
+  int n = 0;
+  for (const auto& way : ways) {
+    SCOPED_TRACE(way.what);
+    std::string name = "S" + std::to_string(n++);
+    std::vector<Value> opts = {Opt("Name", Value::Text(name)), Opt("Address", Value::Text("127.0.0.1")),
+                               Opt("Port", Value::Text("0")), Opt("Mode", Value::Text("text"))};
+    host::CallResult s = Lib().Call(server.root, "ASrv", Value::Nested(With(opts, way.opts)));
+    EXPECT_EQ(Code(s), way.rc) << s.result.Format();
+    if (way.rc) continue;
+    host::CallResult a = Lib().Call(server.root, "AGetProp", Value::Nested({Value::Text(name), Value::Text("LocalAddr")}));
+    std::vector<Value> copts = {Opt("Name", Value::Text("C" + name)), Opt("Address", Value::Text("localhost")),
+                                Opt("Port", Value::Text(std::to_string(a.result[1][3].intAt(0)))), Opt("Mode", Value::Text("text"))};
+    host::CallResult r = Lib().Call(client.root, "AClt", Value::Nested(With(copts, Anonymous())));
+    EXPECT_EQ(Code(r), 0) << r.result.Format();
+  }
+}
+
+// A trust store is read from the files whose names end in ".cer", ".pem" or
+// ".der", in any case; other files, and a file called just "pem", aren't.
+TEST(TlsCertificates, RootDirectoriesReadTheirSuffixes) {
+  if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
+  const Certs& c = Certs::Get();
+  std::string dir = c.File("suffixes"), other = c.File("others");
+  servetest::Shell("mkdir -p '" + dir + "' '" + other + "' && certtool --certificate-info --outder --infile '" + c.File("ca.pem") +
+                   "' --outfile '" + dir + "/c.Der' && cp '" + c.File("ca.pem") + "' '" + other + "/d.txt' && cp '" +
+                   c.File("ca.pem") + "' '" + other + "/pem' >/dev/null 2>&1");
+  Roots server("TlsDirS");
+  int port = Serve(server.root, "S", "text", With({Opt("EOM", Strings({"\n"}))}, Presenting("srv")));
+  for (const auto& [d, trusted] : {std::make_pair(dir, true), std::make_pair(other, false)}) {
+    SCOPED_TRACE(d);
+    Roots client("TlsDirC");
+    EXPECT_EQ(cmdtest::SetProp(client.root, "", "RootCertDir", Value::Text(d)), trusted ? 0 : 1208);
+    EXPECT_EQ(Code(Connect(client.root, "text", port, "localhost", Anonymous())), trusted ? 0 : 1202);
   }
 }
 
