@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -96,6 +97,23 @@ std::string HtmlEscape(const std::string& s) {
   return out;
 }
 
+// A path as a link target: every byte but letters, digits, "/" and
+// "-._~" percent-encoded, so names with "#", "?" or spaces still link.
+std::string UrlEncode(const std::string& path) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : path) {
+    if (isalnum(c) || (c && strchr("/-._~", c))) {
+      out += (char)c;
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    }
+  }
+  return out;
+}
+
 std::string Now() {
   char text[64];
   time_t t = time(nullptr);
@@ -111,6 +129,7 @@ struct Answer {
   std::string type;
   std::string body;      // for generated pages
   std::string file;      // or a file to stream
+  std::string extra;     // header lines of its own, each ending in CRLF
   long long length = 0;  // of body or file
 };
 
@@ -120,11 +139,18 @@ class Server {
 
   int Run() {
     char real[PATH_MAX];
-    if (!realpath(o_.dir.c_str(), real)) {
+    struct stat st;
+    if (!realpath(o_.dir.c_str(), real) || stat(real, &st) != 0) {
       fprintf(stderr, "pelkohost serve: no such directory: %s\n", o_.dir.c_str());
       return 1;
     }
+    if (!S_ISDIR(st.st_mode)) {
+      fprintf(stderr, "pelkohost serve: not a directory: %s\n", o_.dir.c_str());
+      return 1;
+    }
     root_ = real;
+    // Paths inside start with this; "/" ends in its own slash already.
+    inside_ = root_ == "/" ? root_ : root_ + "/";
     if (lib_.Init(kRoot, lib_.path()) != 0) {
       fprintf(stderr, "pelkohost serve: the library did not start a root\n");
       return 1;
@@ -216,7 +242,7 @@ class Server {
     if (!realpath(joined.c_str(), real)) return false;
     std::string r = real;
     // Nothing outside: no "..", and no link that points elsewhere.
-    if (r != root_ && r.compare(0, root_.size() + 1, root_ + "/") != 0) return false;
+    if (r != root_ && r.compare(0, inside_.size(), inside_) != 0) return false;
     if (stat(real, st) != 0) return false;
     if (S_ISDIR(st->st_mode)) {
       std::string index = r + "/index.html";
@@ -238,7 +264,7 @@ class Server {
     if (DIR* d = opendir(dir.c_str())) {
       for (dirent* e = readdir(d); e; e = readdir(d)) {
         if (e->d_name[0] == '.') continue;
-        a.body += "<li><a href=\"" + HtmlEscape(base + e->d_name) + "\">" + HtmlEscape(e->d_name) + "</a>\n";
+        a.body += "<li><a href=\"" + HtmlEscape(UrlEncode(base + e->d_name)) + "\">" + HtmlEscape(e->d_name) + "</a>\n";
       }
       closedir(d);
     }
@@ -275,8 +301,12 @@ class Server {
     std::string path;
     struct stat st = {};
     std::string file;
-    if (method != "GET" && method != "HEAD") {
+    if (method.empty() || target.empty() || version.compare(0, 7, "HTTP/1.") != 0) {
+      a = Status(400, "Bad Request");
+      close = true;  // what follows can't be trusted to be a request
+    } else if (method != "GET" && method != "HEAD") {
       a = Status(405, "Method Not Allowed");
+      a.extra = "Allow: GET, HEAD\r\n";
       close = true;  // a body may follow that nobody reads
     } else if (!DecodeTarget(target, &path) || !Resolve(path, &file, &st)) {
       a = Status(404, "Not Found");
@@ -287,27 +317,44 @@ class Server {
       a.file = file;
       a.length = (long long)st.st_size;
     }
-    std::string head = "HTTP/1.1 " + std::to_string(a.status) + " " + a.reason + "\r\nServer: pelkohost\r\nDate: " +
-                       Now() + "\r\nContent-Type: " + a.type + "\r\n" + (close ? "Connection: close\r\n" : "");
+    // An HTTP/1.0 client keeps its connection only when told it is kept.
+    if (!close && version == "HTTP/1.0") a.extra += "Connection: keep-alive\r\n";
+    int code = Send(name, method == "HEAD", a, close);
+    if (code && !a.file.empty()) {
+      // The library could not open or size the file: the client still
+      // gets an answer, on a connection that ends with it.
+      Answer failed = Status(500, "Internal Server Error");
+      close = true;
+      code = Send(name, method == "HEAD", failed, close);
+      a = failed;
+    }
+    std::string note = code ? std::string(" (not sent: ") + host::ErrorName(code) + ")" : "";
+    printf("%s - \"%s %s %s\" %d %lld%s\n", Peer(name).c_str(), method.c_str(), target.c_str(), version.c_str(),
+           a.status, method == "HEAD" ? 0LL : a.length, note.c_str());
+  }
+
+  // Sends an answer; 0, or the library's error code.
+  int Send(const std::string& name, bool head, const Answer& a, bool close) {
+    std::string text = "HTTP/1.1 " + std::to_string(a.status) + " " + a.reason + "\r\nServer: pelkohost\r\nDate: " +
+                       Now() + "\r\nContent-Type: " + a.type + "\r\n" + a.extra +
+                       (close ? "Connection: close\r\n" : "");
     Value answer;
-    if (method == "HEAD") {
-      answer = Value::Text(head + "Content-Length: " + std::to_string(a.length) + "\r\n\r\n");
+    if (head) {
+      answer = Value::Text(text + "Content-Length: " + std::to_string(a.length) + "\r\n\r\n");
     } else if (!a.file.empty()) {
       // The library puts the file's length in before the blank line and
       // streams the file behind it.
-      answer = Value::Nested({Value::Text(head + "\r\n"), Value::Text(a.file)});
+      answer = Value::Nested({Value::Text(text + "\r\n"), Value::Text(a.file)});
     } else {
-      answer = Value::Text(head + "Content-Length: " + std::to_string(a.length) + "\r\n\r\n" + a.body);
+      answer = Value::Text(text + "Content-Length: " + std::to_string(a.length) + "\r\n\r\n" + a.body);
     }
     host::CallResult r = lib_.Call(kRoot, "ASendZ", answer, Value::Nested({Value::Text(name), Value::Int(close ? 1 : 0)}));
-    std::string failed = r.result.isNested() ? "" : std::string(" (not sent: ") + host::ErrorName((int)r.result.intAt(0)) + ")";
-    printf("%s - \"%s %s %s\" %d %lld%s\n", Peer(name).c_str(), method.c_str(), target.c_str(), version.c_str(),
-           a.status, method == "HEAD" ? 0LL : a.length, failed.c_str());
+    return r.result.isNested() ? 0 : (int)r.result.intAt(0);
   }
 
   host::Library& lib_;
   Options o_;
-  std::string root_;
+  std::string root_, inside_;
   std::map<std::string, std::string> peers_;
   std::map<std::string, std::string> fragments_;
   std::map<std::string, bool> textMessage_;

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "servepeer.h"
+#include "streampeer.h"
 #include "tlscerts.h"
 
 namespace {
@@ -16,6 +17,7 @@ namespace {
 using servetest::Have;
 using servetest::Shell;
 using servetest::ServeProcess;
+using streamtest::Tcp;
 
 // A directory to serve, with a file outside it that must never be served.
 struct Site {
@@ -33,6 +35,11 @@ struct Site {
 };
 
 std::string Curl(const std::string& args) { return Shell("curl -s --max-time 20 " + args); }
+
+// Two GETs by one curl; the connections each one opened, one a line.
+std::string TwoRequests(const ServeProcess& s, const std::string& args) {
+  return Curl(args + " -o /dev/null -o /dev/null -w '%{num_connects}\\n' '" + s.Url("/a.txt") + "' '" + s.Url("/in") + "'");
+}
 
 TEST(Serve, FilesTypesAndNothingFromOutside) {
   if (!Have("curl")) GTEST_SKIP() << "no curl";
@@ -72,12 +79,115 @@ TEST(Serve, FilesTypesAndNothingFromOutside) {
   std::string head = Curl("-I '" + s.Url("/bin.png") + "'");
   EXPECT_NE(head.find("Content-Length: 5000\r\n"), std::string::npos) << head;
   // Two requests on one kept-alive connection.
-  EXPECT_EQ(Curl("-o /dev/null -o /dev/null -w '%{num_connects}\\n' '" + s.Url("/a.txt") + "' '" + s.Url("/in") + "'"),
-            "1\n0\n");
+  EXPECT_EQ(TwoRequests(s, ""), "1\n0\n");
   // One access-log line a request, and a clean end on Ctrl-C.
   std::string log = s.ReadUntil("\"GET /in HTTP/1.1\" 200 6", 3000);
   EXPECT_NE(log.find("\"GET /nothing HTTP/1.1\" 404"), std::string::npos) << log;
   EXPECT_EQ(s.Stop(), 0);
+}
+
+TEST(Serve, ConnectionsKeptOrClosedAsAsked) {
+  if (!Have("curl")) GTEST_SKIP() << "no curl";
+  Site site;
+  ServeProcess s(site.dir);
+  ASSERT_GT(s.port(), 0);
+  struct Case {
+    const char* args;
+    const char* connects;  // by the first request, then the second
+  } cases[] = {
+      {"", "1\n0\n"},
+      {"-H 'Connection: close'", "1\n1\n"},
+      {"-0", "1\n1\n"},
+      {"-0 -H 'Connection: keep-alive'", "1\n0\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args);
+    EXPECT_EQ(TwoRequests(s, c.args), c.connects);
+  }
+}
+
+// Requests written byte for byte: the answer's status line, a line its
+// header must hold, and whether the connection ends after it.
+TEST(Serve, RequestsOfEveryShapeGetAnAnswer) {
+  Site site;
+  ServeProcess s(site.dir);
+  ASSERT_GT(s.port(), 0);
+  struct Case {
+    const char* request;
+    const char* status;
+    const char* line;
+    bool closes;
+  } cases[] = {
+      {"GET /a.txt HTTP/1.1\r\nHost: x\r\n\r\n", "HTTP/1.1 200 OK", "Content-Length: 6", false},
+      {"GET /a.txt HTTP/1.0\r\n\r\n", "HTTP/1.1 200 OK", "Connection: close", true},
+      {"GET /a.txt HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n", "HTTP/1.1 200 OK", "Connection: keep-alive", false},
+      {"POST /a.txt HTTP/1.1\r\nContent-Length: 1\r\n\r\nx", "HTTP/1.1 405 Method Not Allowed", "Allow: GET, HEAD", true},
+      {"DELETE /a.txt HTTP/1.1\r\n\r\n", "HTTP/1.1 405 Method Not Allowed", "Connection: close", true},
+      {"HELLO\r\n\r\n", "HTTP/1.1 400 Bad Request", "Connection: close", true},
+      {"GET /a.txt\r\n\r\n", "HTTP/1.1 400 Bad Request", "Connection: close", true},
+      {"GET /a.txt XTTP/1.1\r\n\r\n", "HTTP/1.1 400 Bad Request", "Connection: close", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.request);
+    Tcp t = Tcp::To(s.port());
+    ASSERT_TRUE(t.Write(c.request));
+    std::string got = t.Read(1 << 16, 1000);
+    EXPECT_EQ(got.substr(0, got.find("\r\n")), c.status) << got;
+    EXPECT_NE(got.find(std::string("\r\n") + c.line + "\r\n"), std::string::npos) << got;
+    EXPECT_EQ(t.Closed(500), c.closes) << got;
+  }
+}
+
+TEST(Serve, AListingAndAFileTooLargeToSend) {
+  if (!Have("curl")) GTEST_SKIP() << "no curl";
+  Site site;
+  ASSERT_EQ(mkdir((site.dir + "/list").c_str(), 0755), 0);
+  site.Add("list/a b#c.txt", "spaced");
+  site.Add("list/<i>&.txt", "marked");
+  // Sparse, past what one answer can carry.
+  Shell("truncate -s 5G '" + site.dir + "/huge.bin'");
+  ServeProcess s(site.dir);
+  ASSERT_GT(s.port(), 0);
+  // Names are escaped in the text and encoded in the links, which work.
+  std::string list = Curl("'" + s.Url("/list/") + "'");
+  EXPECT_NE(list.find("href=\"/list/a%20b%23c.txt\""), std::string::npos) << list;
+  EXPECT_NE(list.find(">&lt;i&gt;&amp;.txt<"), std::string::npos) << list;
+  EXPECT_EQ(list.find("<i>"), std::string::npos) << list;
+  EXPECT_EQ(Curl("'" + s.Url("/list/a%20b%23c.txt") + "'"), "spaced");
+  EXPECT_EQ(Curl("'" + s.Url("/list/%3Ci%3E%26.txt") + "'"), "marked");
+  // The library refuses a file this large: the client still has an answer.
+  EXPECT_EQ(Curl("-o /dev/null -w '%{http_code}' '" + s.Url("/huge.bin") + "'"), "500");
+  EXPECT_NE(s.ReadUntil("\"GET /huge.bin HTTP/1.1\" 500", 3000).find("\"GET /huge.bin HTTP/1.1\" 500"),
+            std::string::npos);
+  EXPECT_EQ(s.Stop(), 0);
+}
+
+// pelkohost serve run to its end; what it wrote, then "rc=" and its status.
+std::string ServeOnce(const std::string& args) {
+  return Shell("PELKO_LIBRARY='" PELKO_LIBRARY_PATH "' timeout 20 '" PELKOHOST_PATH "' serve " + args +
+               " 2>&1; echo \"rc=$?\"");
+}
+
+TEST(Serve, WhatKeepsItFromStartingEndsItWithOne) {
+  Site site;
+  site.Add("file", "x");
+  ServeProcess busy(site.dir);
+  ASSERT_GT(busy.port(), 0);
+  struct Case {
+    std::string args, says, rc;
+  } cases[] = {
+      {"'" + site.top + "/none'", "no such directory", "rc=1"},
+      {"'" + site.dir + "/file'", "not a directory", "rc=1"},
+      {"'" + site.dir + "' --port " + std::to_string(busy.port()), "cannot listen on 127.0.0.1:", "rc=1"},
+      {"'" + site.dir + "' --address 127.0.0.1 --port", "usage:", "rc=2"},
+      {"'" + site.dir + "' --verbose", "usage:", "rc=2"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args);
+    std::string out = ServeOnce(c.args);
+    EXPECT_NE(out.find(c.says), std::string::npos) << out;
+    EXPECT_EQ(out.substr(out.rfind("rc=")), c.rc + "\n") << out;
+  }
 }
 
 TEST(Serve, ALargeFileStreamsWithFlatMemoryAndWrkSeesNoErrors) {
