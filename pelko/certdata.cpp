@@ -90,16 +90,8 @@ static SI4 CertsFromData(PCERTDATA c, PAA p) {
   return 0;
 }
 
-// Certificates from a file: PEM with up to 100 in it, else one in DER.
-static SI4 CertsFromFile(PCERTDATA c, PAA list) {
-  PCH10 name = nullptr;
-  SI4 rc = FileList(list, &c->pubCert, &name, &c->lpubIndex);
-  if (rc || !name || !*name) {
-    free(name);
-    return rc;
-  }
+SI4 CertsFromPath(PCERTDATA c, const char* name) {
   gnutls_datum_t data = read_binary_file(name);
-  free(name);
   c->certs = (gnutls_pcert_st*)TAL_gnutls_calloc(MAXCERTSPERFILE, sizeof(gnutls_pcert_st));
   if (!c->certs) {
     FREEGNUTLSDATUM(data);
@@ -111,6 +103,7 @@ static SI4 CertsFromFile(PCERTDATA c, PAA list) {
     max = MAXCERTSPERFILE;
     r = gnutls_pcert_list_import_x509_raw(c->certs, &max, &data, GNUTLS_X509_FMT_DER, 0);
   }
+  SI4 rc = 0;
   if (r < 0 || max == 0) {
     max = 0;
     rc = ERR_INVALID_CERTIFICATE;
@@ -121,7 +114,29 @@ static SI4 CertsFromFile(PCERTDATA c, PAA list) {
     if (shrunk) c->certs = shrunk;
   }
   c->certsCount = max;
-  if (max) c->pubCert = CDTDERFile;
+  return rc;
+}
+
+int KeyFromPath(PCERTDATA c, const char* name) {
+  gnutls_datum_t data = read_binary_file(name);
+  int r = gnutls_privkey_import_x509_raw(c->key, &data, GNUTLS_X509_FMT_PEM, nullptr, 0);
+  if (r == GNUTLS_E_BASE64_UNEXPECTED_HEADER_ERROR || r == GNUTLS_E_BASE64_DECODING_ERROR)
+    r = gnutls_privkey_import_x509_raw(c->key, &data, GNUTLS_X509_FMT_DER, nullptr, 0);
+  FREEGNUTLSDATUM(data);
+  return r;
+}
+
+// Certificates from a file: PEM with up to 100 in it, else one in DER.
+static SI4 CertsFromFile(PCERTDATA c, PAA list) {
+  PCH10 name = nullptr;
+  SI4 rc = FileList(list, &c->pubCert, &name, &c->lpubIndex);
+  if (rc || !name || !*name) {
+    free(name);
+    return rc;
+  }
+  rc = CertsFromPath(c, name);
+  free(name);
+  if (c->certsCount) c->pubCert = CDTDERFile;
   return rc;
 }
 
@@ -183,15 +198,9 @@ static SI4 KeyFromFile(PCERTDATA c, PAA list) {
     return rc;
   }
   switch (c->privCert) {
-    case CDTDERFile: {
-      gnutls_datum_t data = read_binary_file(name ? name : "");
-      int r = gnutls_privkey_import_x509_raw(c->key, &data, GNUTLS_X509_FMT_PEM, nullptr, 0);
-      if (r == GNUTLS_E_BASE64_UNEXPECTED_HEADER_ERROR || r == GNUTLS_E_BASE64_DECODING_ERROR)
-        r = gnutls_privkey_import_x509_raw(c->key, &data, GNUTLS_X509_FMT_DER, nullptr, 0);
-      rc = KeyResult(c, r);
-      FREEGNUTLSDATUM(data);
+    case CDTDERFile:
+      rc = KeyResult(c, KeyFromPath(c, name ? name : ""));
       break;
-    }
     case CDTPk12File:
       rc = FromPkcs12(c, name ? name : "");
       break;

@@ -63,5 +63,10 @@ void FreeCert(PCERTDATA cert);
 // The bytes of a vector of characters or small integers, from
 // TAL_gnutls_calloc; empty for anything else.
 gnutls_datum_t GetCertData(PAA pAA);
+// Up to 100 certificates of a file, PEM or else DER, into c->certs.
+SI4 CertsFromPath(PCERTDATA c, const char* name);
+// A private key of a file into c->key (made already): PEM, or else DER;
+// GnuTLS's result.
+int KeyFromPath(PCERTDATA c, const char* name);
 // A whole file from TAL_gnutls_malloc; empty when it can't be read.
 gnutls_datum_t read_binary_file(const char* name);

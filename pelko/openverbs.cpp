@@ -113,7 +113,8 @@ static SI4 UdpClient(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, UI4 s
 }
 
 SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4 size, UI4 magic,
-           PCERTDATA cert, PCH10 address, PROTOCOL prot, PRANGES allow, PRANGES deny) {
+           PCERTDATA cert, PCH10 address, PROTOCOL prot, PRANGES allow, PRANGES deny, TPOOSFN oosfn,
+           UI4 features) {
   LOG(1, ("Server called %s %s", name, port ? port : ""));
   if (!root) return ERR_ROOT_NOT_FOUND;
   SI4 rc = OpenName(root, name, "SRV%08u");
@@ -141,6 +142,9 @@ SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4 size, UI4 ma
   s->pCert = cert;
   s->pAllow = allow;
   s->pDeny = deny;
+  // Set before the listener can accept, so no connection misses them.
+  s->pOOSfn = oosfn;
+  if (mode == MHttp) ((PHTTPSERVER)s)->Features = features;
   rc = s->Listen(root, port, address, Protocol(root, prot));
   LOG(1, ("Server Listen %d", rc));
   if (!rc && !root->AddNew(name, s)) rc = ERR_NAME_IN_USE;
@@ -158,7 +162,7 @@ SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4 size, UI4 ma
 }
 
 SI4 Client(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, PCH10, OBJMODE mode, UI4 size,
-           UI4 magic, PCERTDATA cert, PROTOCOL prot) {
+           UI4 magic, PCERTDATA cert, PROTOCOL prot, TPOOSFN oosfn) {
   LOG(1, ("Client called %s %s %s", name, address ? address : "", port ? port : ""));
   if (!root) return ERR_ROOT_NOT_FOUND;
   SI4 rc = OpenName(root, name, "CLT%08u");
@@ -170,6 +174,7 @@ SI4 Client(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, PCH10, OBJMODE 
   // The socket holds the connection's reference to the certificate.
   if (cert) cert->pRootCerts = ((PROOT)(PRPCOBJS)root->pObj)->pRootCerts;
   c->pCert = cert;
+  c->pOOSfn = oosfn;
   rc = c->Connect(root, address, port, Protocol(root, prot));
   if (!rc && c->Mode == MCommand) c->pCon->SetNoDelay();
   if (!rc && !root->AddNew(name, c)) rc = ERR_NAME_IN_USE;

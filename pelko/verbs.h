@@ -3,6 +3,7 @@
 // packed left block as well, never unpacked.
 #pragma once
 
+#include "certdata.h"
 #include "root.h"
 #include "vapl.h"
 
@@ -20,3 +21,12 @@ PAA ASrv(PHIERAKI pRoot, PAA pRight);
 PAA AClt(PHIERAKI pRoot, PAA pRight);
 PAA ASetRelay(PHIERAKI pRoot, PAA pRight);
 PAA ACerts(PHIERAKI pRoot, PAA pRight);
+
+// The opening verbs' work, for the debug link too: a listener or a client
+// added under root by name. A callback and the HTTP features given here are
+// in place before the object can take its first connection or message.
+SI4 Server(PHIERAKI root, PCH10 name, PCH10 port, OBJMODE mode, UI4 size, UI4 magic,
+           PCERTDATA cert, PCH10 address, PROTOCOL prot, PRANGES allow, PRANGES deny,
+           TPOOSFN oosfn = nullptr, UI4 features = 0);
+SI4 Client(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, PCH10 unused, OBJMODE mode,
+           UI4 size, UI4 magic, PCERTDATA cert, PROTOCOL prot, TPOOSFN oosfn = nullptr);

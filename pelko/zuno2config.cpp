@@ -10,6 +10,8 @@
 #include <cstring>
 #include <strings.h>
 
+#include "certdata.h"
+#include "ifzuno2.h"
 #include "log.h"
 #include "pelkoerr.h"
 #include "pelkossl.h"
@@ -282,8 +284,58 @@ SI4 Zuno2Peers(PZuno2Config cfg) {
   return 0;
 }
 
+SI4 Zuno2Cert(PZuno2Config cfg) {
+  if (!cfg) return 0;
+  if (!PelkosslLoaded()) return ERR_NO_SSL_SUPPORT;
+  PCERTDATA c = (PCERTDATA)calloc(1, sizeof(CERTDATA));
+  if (!c) return ERR_MEMORY_ALLOC;
+  c->refs = 1;
+  c->pubCert = CDTRawCert;
+  SI4 rc = 0;
+  if (cfg->pPublicCertFile) {
+    rc = CertsFromPath(c, cfg->pPublicCertFile);
+    if (!c->certsCount) rc = ERR_INVALID_CERTIFICATE;
+  }
+  if (!rc && cfg->pPrivateKeyFile) {
+    gnutls_privkey_init(&c->key);
+    c->privCert = CDTRawCert;
+    if (KeyFromPath(c, cfg->pPrivateKeyFile) < 0 && c->certsCount) rc = ERR_INVALID_CERTIFICATE;
+  }
+  if (!rc && cfg->pRootCertDir && ZunoRootCerts()) {
+    CacheNewRootDir(ZunoRootCerts(), cfg->pRootCertDir);
+    c->pRootCerts = ZunoRootCerts();
+  }
+  // A secure link asks for and requires the peer's certificate, an
+  // anonymous one never.
+  c->flagOption = cfg->SSLValidation;
+  if (cfg->Secure == SECSecure)
+    c->flagOption += ReqestClientCertificate | RequireClientCertificate;
+  else if (cfg->Secure == SECAnonymous)
+    c->flagOption &= ~(UI4)(ReqestClientCertificate | RequireClientCertificate);
+  if (rc) {
+    FreeCert(c);
+    return rc;
+  }
+  cfg->pCert = c;
+  return 0;
+}
+
+void FreeZuno2Config(PZuno2Config cfg) {
+  for (PCH1* text : {&cfg->pAddress, &cfg->pPublicCertData, &cfg->pPublicCertFile, &cfg->pPrivateKeyData,
+                     &cfg->pPrivateKeyFile, &cfg->pRootCertDir, &cfg->pPriority, &cfg->pLogfilename,
+                     &cfg->pCurrentConnection, &cfg->pHttpDir, &cfg->pAcceptCertDir})
+    free(*text);
+  FreeCert(cfg->pCert);
+  delete cfg->pAllow;
+  delete cfg->pDeny;
+  delete cfg->pAcceptCertList;
+  free(cfg);
+}
+
 SI4 Zuno2ReadConfigfile(PZuno2Config cfg) {
   char value[ZUNO_SETTING_ROOM];
+  // Listeners and clients hold references of their own.
+  FreeCert(cfg->pCert);
   cfg->pCert = nullptr;
   Setting(cfg, "ZUNO\\INIT", value, sizeof(value));
   SI4 rc = 0;
@@ -305,10 +357,12 @@ SI4 Zuno2ReadConfigfile(PZuno2Config cfg) {
   if (cfg->Direction == DIRUndefined || cfg->Direction == DIRConfig) rc = IniDirection(cfg);
   IniSettings(cfg);
   Zuno2Peers(cfg);
+  if (cfg->Secure > SECPlain && !rc) rc = Zuno2Cert(cfg);
   // The list of accepted peers is read with the companion; without it a
   // secure link can't start anyway.
+  delete cfg->pAcceptCertList;
+  cfg->pAcceptCertList = nullptr;
   if (cfg->pAcceptCertDir && PelkosslLoaded()) {
-    delete cfg->pAcceptCertList;
     cfg->pAcceptCertList = new CertCollection();
     cfg->pAcceptCertList->LoadCertsFromDir(cfg->pAcceptCertDir);
   }

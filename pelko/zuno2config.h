@@ -71,5 +71,9 @@ SI4 Zuno2ReadConfigfile(PZuno2Config cfg);
 void rs_parse(PZuno2Config cfg, PCH1 start, PCH1 end);
 // The allowed and denied address ranges of the ini file.
 SI4 Zuno2Peers(PZuno2Config cfg);
+// The link's TLS record from the file's certificate, key and root settings.
+SI4 Zuno2Cert(PZuno2Config cfg);
+// Frees a configuration and all it owns.
+void FreeZuno2Config(PZuno2Config cfg);
 // The default directory of the web pages.
 void ZunoHttpDir(PCH1 dir);

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ifzuno2.h"
 #include "log.h"
 #include "orvanenaz.h"
 #include "pelkoerr.h"
@@ -62,6 +63,7 @@ void onLoad() {
 }
 
 void onUnload() {
+  Zuno2Unload();
   while (pRoots) RPCUnload(pRoots->pNext);
   if (pSem) {
     delete pSem;
