@@ -7,6 +7,7 @@
 
 #include "host/demo.h"
 #include "host/library.h"
+#include "host/linkcmd.h"
 #include "host/serve.h"
 
 namespace {
@@ -18,6 +19,8 @@ int Usage() {
           "       pelkohost scenes          the scenes of the tour\n"
           "       pelkohost serve [DIR] [--address A] [--port N] [--cert FILE --key FILE]\n"
           "                                 a web server for DIR, with a WebSocket echo\n"
+          "       pelkohost link SETTING [--config FILE]\n"
+          "                                 one end of a debug link session\n"
           "The library is PELKO_LIBRARY, else ../lib/pelko31_64.so beside this program,\n"
           "else %s\n",
           PELKO_BUILT_LIBRARY);
@@ -35,7 +38,9 @@ int main(int argc, char** argv) {
   }
   serve::Options options;
   if (command == "serve" && !serve::ParseArgs(argc - 2, argv + 2, &options)) return serve::Usage();
-  if (command != "version" && command != "demo" && command != "serve") return Usage();
+  linkcmd::Options linkOptions;
+  if (command == "link" && !linkcmd::ParseArgs(argc - 2, argv + 2, &linkOptions)) return linkcmd::Usage();
+  if (command != "version" && command != "demo" && command != "serve" && command != "link") return Usage();
   std::string error;
   std::string path = host::FindLibrary(PELKO_BUILT_LIBRARY);
   std::unique_ptr<host::Library> lib = host::Library::Open(path, &error);
@@ -48,5 +53,6 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (command == "serve") return serve::Run(*lib, options);
+  if (command == "link") return linkcmd::Run(*lib, linkOptions);
   return demo::Run(*lib, std::vector<std::string>(argv + 2, argv + argc));
 }
