@@ -15,6 +15,7 @@
 #include <mutex>
 
 #include "aplrpc.h"
+#include "certdata.h"
 #include "connection.h"
 #include "log.h"
 #include "pelkoerr.h"
@@ -208,8 +209,12 @@ static SI4 TryConnect() {
   int n = cfg->Protocol == PAny ? 2 : 1;
   for (int i = 0; i < n && rc; i++) {
     char name[] = "ZunoClient";
-    rc = Client(fns2.pZunoRoot, name, cfg->pAddress, port, (PCH10) "", MBlkRaw, cfg->MaxBlockSize, cfg->Magic,
-                cfg->pCert, tries[i], OOSfn2);
+    PCERTDATA cert = nullptr;
+    rc = cfg->pCert ? Zuno2NewCert(cfg, &cert) : 0;
+    if (!rc)
+      rc = Client(fns2.pZunoRoot, name, cfg->pAddress, port, (PCH10) "", MBlkRaw, cfg->MaxBlockSize, cfg->Magic,
+                  cert, tries[i], OOSfn2);
+    FreeCert(cert);  // the socket holds its own reference
   }
   if (rc) {
     SetCurrent(nullptr);
@@ -252,9 +257,13 @@ static SI4 Listen(PZuno2Config cfg, const char* name, OBJMODE mode, PCH1 address
   char port[16], node[ZUNO_NAME_ROOM];
   snprintf(port, sizeof(port), "%u", cfg->Port);
   snprintf(node, sizeof(node), "%s", name);
+  PCERTDATA cert = nullptr;
+  SI4 rc = cfg->pCert ? Zuno2NewCert(cfg, &cert) : 0;
+  if (rc) return rc;
   PRANGES allow = CopyRanges(cfg->pAllow), deny = CopyRanges(cfg->pDeny);
-  SI4 rc = Server(fns2.pZunoRoot, node, port, mode, cfg->MaxBlockSize, cfg->Magic, cfg->pCert, address, prot,
-                  allow, deny, OOSfn2, mode == MHttp ? (UI4)WSAutoUpgrade : 0u);
+  rc = Server(fns2.pZunoRoot, node, port, mode, cfg->MaxBlockSize, cfg->Magic, cert, address, prot, allow, deny,
+              OOSfn2, mode == MHttp ? (UI4)WSAutoUpgrade : 0u);
+  FreeCert(cert);  // the listener holds its own reference
   if (rc) {
     delete allow;
     delete deny;

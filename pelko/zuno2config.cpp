@@ -284,8 +284,8 @@ SI4 Zuno2Peers(PZuno2Config cfg) {
   return 0;
 }
 
-SI4 Zuno2Cert(PZuno2Config cfg) {
-  if (!cfg) return 0;
+SI4 Zuno2NewCert(PZuno2Config cfg, PCERTDATA* out) {
+  *out = nullptr;
   if (!PelkosslLoaded()) return ERR_NO_SSL_SUPPORT;
   PCERTDATA c = (PCERTDATA)calloc(1, sizeof(CERTDATA));
   if (!c) return ERR_MEMORY_ALLOC;
@@ -301,10 +301,7 @@ SI4 Zuno2Cert(PZuno2Config cfg) {
     c->privCert = CDTRawCert;
     if (KeyFromPath(c, cfg->pPrivateKeyFile) < 0 && c->certsCount) rc = ERR_INVALID_CERTIFICATE;
   }
-  if (!rc && cfg->pRootCertDir && ZunoRootCerts()) {
-    CacheNewRootDir(ZunoRootCerts(), cfg->pRootCertDir);
-    c->pRootCerts = ZunoRootCerts();
-  }
+  c->pRootCerts = ZunoRootCerts();
   // A secure link asks for and requires the peer's certificate, an
   // anonymous one never.
   c->flagOption = cfg->SSLValidation;
@@ -316,8 +313,15 @@ SI4 Zuno2Cert(PZuno2Config cfg) {
     FreeCert(c);
     return rc;
   }
-  cfg->pCert = c;
+  *out = c;
   return 0;
+}
+
+SI4 Zuno2Cert(PZuno2Config cfg) {
+  if (!cfg) return 0;
+  SI4 rc = Zuno2NewCert(cfg, &cfg->pCert);
+  if (!rc && cfg->pRootCertDir && ZunoRootCerts()) CacheNewRootDir(ZunoRootCerts(), cfg->pRootCertDir);
+  return rc;
 }
 
 void FreeZuno2Config(PZuno2Config cfg) {

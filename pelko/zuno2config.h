@@ -71,8 +71,13 @@ SI4 Zuno2ReadConfigfile(PZuno2Config cfg);
 void rs_parse(PZuno2Config cfg, PCH1 start, PCH1 end);
 // The allowed and denied address ranges of the ini file.
 SI4 Zuno2Peers(PZuno2Config cfg);
-// The link's TLS record from the file's certificate, key and root settings.
+// The link's TLS record from the file's certificate, key and root settings,
+// into cfg->pCert; the roots go to the link's store.
 SI4 Zuno2Cert(PZuno2Config cfg);
+// A new record of the same settings. A socket takes the certificates and
+// the key of the record it starts with, so every listener and every
+// connection attempt of the link gets a record of its own.
+SI4 Zuno2NewCert(PZuno2Config cfg, PCERTDATA* out);
 // Frees a configuration and all it owns.
 void FreeZuno2Config(PZuno2Config cfg);
 // The default directory of the web pages.

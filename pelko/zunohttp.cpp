@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "httpconnection.h"
 #include "ifzuno2.h"
@@ -92,21 +93,16 @@ PBUFFER HandleHttpRequest(PHIERAKI pItem, PBUFFER pBuf) {
     while (p < end && *p == ' ') p++;
     PCH1 stop = p;
     while (stop < end && *stop != ' ') stop++;
-    char target[ZUNO_PATH_ROOM];
-    size_t len = (size_t)(stop - p);
-    if (len < sizeof(target)) {
-      memcpy(target, p, len);
-      target[len] = 0;
-      PCH1 t = target;
-      if (strncasecmp(t, "http://", 7) == 0) {
-        PCH1 s = len > 8 ? strchr(t + 8, '/') : nullptr;
-        t = s ? s : t + len;
-      }
-      LOG(1, ("Requesting page %s", t));
-      if (strcmp(t, "/") == 0) t = (PCH1)defaultPage;
-      ContentType(t, cfg->ConfigFile, type);
-      if (cfg->pHttpDir) fd = OpenInside(cfg->pHttpDir, t);
+    std::string whole(p, (size_t)(stop - p));
+    const char* t = whole.c_str();
+    if (strncasecmp(t, "http://", 7) == 0) {
+      const char* s = whole.size() > 8 ? strchr(t + 8, '/') : nullptr;
+      t = s ? s : t + whole.size();
     }
+    LOG(1, ("Requesting page %.200s", t));
+    if (strcmp(t, "/") == 0) t = defaultPage;
+    ContentType(t, cfg->ConfigFile, type);
+    if (cfg->pHttpDir) fd = OpenInside(cfg->pHttpDir, t);
   }
   char date[64], header[ZUNO_HEADER_ROOM];
   HttpDate(date, sizeof(date));

@@ -16,6 +16,10 @@ namespace {
 
 using servetest::Have;
 using servetest::Shell;
+using servetest::Curl;
+using servetest::Chromium;
+using servetest::StartBrowser;
+using servetest::EndBrowser;
 using servetest::ServeProcess;
 using streamtest::Tcp;
 
@@ -33,8 +37,6 @@ struct Site {
   ~Site() { Shell("rm -rf '" + top + "'"); }
   void Add(const std::string& name, const std::string& text) const { std::ofstream(dir + "/" + name) << text; }
 };
-
-std::string Curl(const std::string& args) { return Shell("curl -s --max-time 20 " + args); }
 
 // Two GETs by one curl; the connections each one opened, one a line.
 std::string TwoRequests(const ServeProcess& s, const std::string& args) {
@@ -234,12 +236,6 @@ ws.onmessage = (e) => {
 ws.onerror = () => fetch('/verdict-error');
 </script>)";
 
-std::string Chromium() {
-  for (const char* c : {"chromium", "chromium-browser"})
-    if (Have(c)) return c;
-  return "";
-}
-
 // The page comes from a plain server; its socket goes to echo, which may be
 // another server.
 void BrowserEcho(const std::string& echo, const std::string& browserArgs) {
@@ -247,13 +243,9 @@ void BrowserEcho(const std::string& echo, const std::string& browserArgs) {
   site.Add("index.html", kPage);
   ServeProcess s(site.dir);
   ASSERT_GT(s.port(), 0);
-  std::string profile = site.top + "/profile";
-  std::string url = s.Url("/") + (echo.empty() ? "" : "?ws=" + echo);
-  std::string cmd = "timeout 60 " + Chromium() + " --headless=new --no-sandbox --disable-gpu --no-first-run " +
-                    "--user-data-dir='" + profile + "' " + browserArgs + " '" + url + "' >/dev/null 2>&1 &";
-  Shell(cmd);
+  std::string profile = StartBrowser(site.top, s.Url("/") + (echo.empty() ? "" : "?ws=" + echo), browserArgs);
   std::string log = s.ReadUntil("/verdict-", 45000);
-  Shell("pkill -f 'user-data-dir=" + profile + "'");
+  EndBrowser(profile);
   EXPECT_NE(log.find("/verdict-pass"), std::string::npos) << log;
 }
 

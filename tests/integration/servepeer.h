@@ -1,6 +1,5 @@
-// `pelkohost serve` as a child process for the tests: started on a free
-// port over a directory, its access log collected as it runs, ended with
-// Ctrl-C as a person would end it.
+// `pelkohost` as a child process for the tests: `serve` on a free port
+// over a directory, `link` with its standard input as a pipe.
 #pragma once
 
 #include <fcntl.h>
@@ -29,42 +28,67 @@ inline std::string Shell(const std::string& cmd) {
 
 inline bool Have(const char* tool) { return Shell(std::string("command -v ") + tool).size() > 0; }
 
-class ServeProcess {
+inline std::string Curl(const std::string& args) { return Shell("curl -s --max-time 20 " + args); }
+
+// The headless browser's command, or "" when there is none.
+inline std::string Chromium() {
+  for (const char* c : {"chromium", "chromium-browser"})
+    if (Have(c)) return c;
+  return "";
+}
+
+// Opens url in a headless browser of its own profile under dir, in the
+// background; bounded by a minute. Returns the command line's marker, for
+// EndBrowser.
+inline std::string StartBrowser(const std::string& dir, const std::string& url, const std::string& args = "") {
+  std::string profile = dir + "/profile";
+  Shell("timeout 60 " + Chromium() + " --headless=new --no-sandbox --disable-gpu --no-first-run --user-data-dir='" +
+        profile + "' " + args + " '" + url + "' >/dev/null 2>&1 &");
+  return profile;
+}
+
+inline void EndBrowser(const std::string& profile) { Shell("pkill -f 'user-data-dir=" + profile + "'"); }
+
+// `pelkohost` with arguments as a child process: what it prints is
+// collected as it runs, its standard input is a pipe of the test's, and it
+// is ended with Ctrl-C as a person would end it.
+class HostProcess {
  public:
-  explicit ServeProcess(const std::string& dir, std::vector<std::string> extra = {}) {
-    int out[2];
-    if (pipe(out) != 0) return;
+  explicit HostProcess(std::vector<std::string> args, std::string home = "") {
+    int out[2], in[2];
+    if (pipe(out) != 0 || pipe(in) != 0) return;
     pid_ = fork();
     if (pid_ == 0) {
       dup2(out[1], 1);
       dup2(out[1], 2);
+      dup2(in[0], 0);
       close(out[0]);
-      std::vector<std::string> args = {PELKOHOST_PATH, "serve", dir, "--port", "0"};
-      args.insert(args.end(), extra.begin(), extra.end());
+      close(in[1]);
+      args.insert(args.begin(), PELKOHOST_PATH);
       std::vector<char*> argv;
       for (auto& a : args) argv.push_back((char*)a.c_str());
       argv.push_back(nullptr);
       setenv("PELKO_LIBRARY", PELKO_LIBRARY_PATH, 1);
+      if (!home.empty()) setenv("HOME", home.c_str(), 1);
       execv(argv[0], argv.data());
       _exit(127);
     }
     close(out[1]);
+    close(in[0]);
     fd_ = out[0];
-    // The first line names the port.
-    std::string first = ReadUntil("\n", 10000);
-    size_t colon = first.rfind(':');
-    if (colon != std::string::npos) port_ = atoi(first.c_str() + colon + 1);
+    in_ = in[1];
   }
-  ~ServeProcess() {
+  ~HostProcess() {
     Stop();
     if (fd_ >= 0) close(fd_);
+    if (in_ >= 0) close(in_);
   }
-  int port() const { return port_; }
   pid_t pid() const { return pid_; }
-  std::string Url(const std::string& path, const char* scheme = "http") const {
-    return std::string(scheme) + "://127.0.0.1:" + std::to_string(port_) + path;
+  // Writes to the child's standard input.
+  void Write(const std::string& text) {
+    if (in_ >= 0 && write(in_, text.data(), text.size()) < 0) perror("write");
   }
-  // Reads the log until text appears in it or ms pass; gives all read.
+  // Reads the output until text appears in it or ms pass; gives all read.
   std::string ReadUntil(const std::string& text, int ms) {
     for (int waited = 0; log_.find(text) == std::string::npos && waited < ms; waited += 50) {
       pollfd p = {fd_, POLLIN, 0};
@@ -76,6 +100,12 @@ class ServeProcess {
     }
     return log_;
   }
+  // Whether text appeared after the first `from` bytes of the output.
+  bool Saw(const std::string& text, int ms, size_t from = 0) {
+    ReadUntil(text, ms);
+    return log_.find(text, from) != std::string::npos;
+  }
+  size_t Seen() const { return log_.size(); }
   // Ctrl-C; the exit status, or -1 if it had to be killed.
   int Stop() {
     if (pid_ <= 0) return status_;
@@ -93,6 +123,19 @@ class ServeProcess {
     pid_ = -1;
     return status_ = -1;
   }
+  // The exit status once it ends by itself within ms; -2 while it runs.
+  int Wait(int ms) {
+    int st = 0;
+    for (int waited = 0; pid_ > 0 && waited <= ms; waited += 50) {
+      if (waitpid(pid_, &st, WNOHANG) == pid_) {
+        pid_ = -1;
+        ReadUntil("\x01", 50);
+        return status_ = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+      }
+      usleep(50000);
+    }
+    return pid_ > 0 ? -2 : status_;
+  }
   // The child's peak resident size in kB.
   long PeakKb() const {
     std::string s = Shell("grep VmHWM /proc/" + std::to_string(pid_) + "/status");
@@ -103,9 +146,33 @@ class ServeProcess {
  private:
   pid_t pid_ = -1;
   int fd_ = -1;
-  int port_ = 0;
+  int in_ = -1;
   int status_ = -1;
   std::string log_;
+};
+
+// `pelkohost serve` on a free port over a directory; the first line of its
+// log names the port.
+class ServeProcess : public HostProcess {
+ public:
+  explicit ServeProcess(const std::string& dir, std::vector<std::string> extra = {})
+      : HostProcess(Args(dir, extra)) {
+    std::string first = ReadUntil("\n", 10000);
+    size_t colon = first.rfind(':');
+    if (colon != std::string::npos) port_ = atoi(first.c_str() + colon + 1);
+  }
+  int port() const { return port_; }
+  std::string Url(const std::string& path, const char* scheme = "http") const {
+    return std::string(scheme) + "://127.0.0.1:" + std::to_string(port_) + path;
+  }
+
+ private:
+  static std::vector<std::string> Args(const std::string& dir, std::vector<std::string> extra) {
+    std::vector<std::string> args = {"serve", dir, "--port", "0"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return args;
+  }
+  int port_ = 0;
 };
 
 }  // namespace servetest
