@@ -45,6 +45,11 @@ static const char kDisconnect[13] = {'[', 'D', 'i', 's', 'c', 'o', 'n', 'n', 'e'
 
 TPELKOFNS fns2;
 static std::mutex CurrentLock;
+// Our offer goes out before our answer to the peer's, whichever thread
+// gets there first: the peer takes "UsingProtocol=2" as the end of its
+// handshake, and would take an offer behind it as a message of the session.
+static std::mutex OfferLock;
+static bool OfferSent = false;
 // Wakes the poll thread early when the link is disabled.
 static PTALSEMATO pPollWake = nullptr;
 
@@ -103,6 +108,18 @@ static SI4 Zuno2Send(PCH1 data, UI4 length) {
   if (rc) return rc;
   bool last = length >= sizeof(kDisconnect) && memcmp(data, kDisconnect, sizeof(kDisconnect)) == 0;
   return obj->SendBuffer(h, nullptr, b, last ? 1 : 0);
+}
+
+static void NewSession(const char* name) {
+  std::lock_guard<std::mutex> g(OfferLock);
+  SetCurrent(name);
+  OfferSent = false;
+}
+
+static void SendOffer() {
+  std::lock_guard<std::mutex> g(OfferLock);
+  if (!OfferSent) Zuno2Send((PCH1)kOffer, sizeof(kOffer) - 1);
+  OfferSent = true;
 }
 
 static SI4 Zuno2GetBuffer(PVOID item, PCH1* data, PUI4 length) {
@@ -202,7 +219,7 @@ static SI4 TryConnect() {
   snprintf(port, sizeof(port), "%u", cfg->Port);
   // The session exists before the client can take a message, so the
   // peer's first one finds it.
-  SetCurrent("ZunoClient");
+  NewSession("ZunoClient");
   SetState(Zuno2Negotiate);
   SI4 rc = ERR_INVALID_OBJECT;
   PROTOCOL tries[2] = {cfg->Protocol == PIPv4 ? PIPv4 : PIPv6, PIPv4};
@@ -221,7 +238,7 @@ static SI4 TryConnect() {
     SetState(Zuno2Idle);
     return rc;
   }
-  Zuno2Send((PCH1)kOffer, sizeof(kOffer) - 1);
+  SendOffer();
   return 0;
 }
 
@@ -384,12 +401,12 @@ static void Incoming(PZuno2Config cfg, PHIERAKI pItem, PCONNECTION conn) {
       return;
     }
     pItem->FullName(name, sizeof(name));
-    SetCurrent(name);
+    NewSession(name);
     conn->pOOSfn = OOSfn2;
     if (cfg->KAtime && cfg->KAint && conn->pCon) conn->pCon->SetKeepalive(cfg->KAtime, cfg->KAint);
     SetState(Zuno2Negotiate);
     conn->State = SConnected;
-    Zuno2Send((PCH1)kOffer, sizeof(kOffer) - 1);
+    SendOffer();
     return;
   }
   if (page) {
@@ -417,32 +434,42 @@ static SI4 FirstProtocol(const char* p, const char* end) {
   return v;
 }
 
+ZUNOMSG Zuno2Classify(const char* data, UI4 len) {
+  if (len >= sizeof(kOffer) - 1 && memcmp(data, kSupported, sizeof(kSupported) - 1) == 0) {
+    // Only the first number counts, whatever follows its comma. A list
+    // that doesn't begin with our version is refused.
+    return FirstProtocol(data + sizeof(kSupported) - 1, data + len) == ZUNOPROTOCOLVERSION ? ZMOffer : ZMRefused;
+  }
+  return len == sizeof(kUsing) - 1 && memcmp(data, kUsing, len) == 0 ? ZMUsing : ZMRefused;
+}
+
 // A handshake message of the session.
 static void Negotiate(PZuno2Config cfg, PHIERAKI pItem, PHIERAKI parent) {
   PBUFFER b = pItem->pObj->GetBuffer();
   PCH1 data = b ? (b->Rewind(), b->Next()) : nullptr;
   UI4 len = b ? b->Remaining() : 0;
   LOG(5, ("%.*s", (int)(len < 50 ? len : 50), data ? data : ""));
-  if (len >= sizeof(kOffer) - 1 && memcmp(data, kSupported, sizeof(kSupported) - 1) == 0) {
-    LOG(1, ("Supported protocol received"));
-    // Only the first number counts, whatever follows its comma. A list
-    // that doesn't begin with our version is refused.
-    if (FirstProtocol(data + sizeof(kSupported) - 1, data + len) == ZUNOPROTOCOLVERSION) {
+  switch (data ? Zuno2Classify(data, len) : ZMRefused) {
+    case ZMOffer: {
+      LOG(1, ("Supported protocol received"));
+      SendOffer();
       SI4 rc = Zuno2Send((PCH1)kUsing, sizeof(kUsing) - 1);
       LOG(3, ("Error %d sending %s", (int)rc, kUsing));
       Zuno2Free(pItem);
       return;
     }
-  } else if (len == sizeof(kUsing) - 1 && memcmp(data, kUsing, len) == 0) {
-    SetState(Zuno2Connected);
-    LOG(1, ("UsingProtocol received"));
-    Zuno2Free(pItem);
-    return;
+    case ZMUsing:
+      SetState(Zuno2Connected);
+      LOG(1, ("UsingProtocol received"));
+      Zuno2Free(pItem);
+      return;
+    case ZMRefused:
+      // The session's connection ends.
+      if (parent && parent->pObj) parent->pObj->State = SFinished;
+      EndSession(cfg);
+      Zuno2Free(pItem);
+      return;
   }
-  // Refused: the session's connection ends.
-  if (parent && parent->pObj) parent->pObj->State = SFinished;
-  EndSession(cfg);
-  Zuno2Free(pItem);
 }
 
 // A part on a page connection: its answer goes back on the same connection.

@@ -37,6 +37,11 @@ typedef struct functions {
 
 extern TPELKOFNS fns2;
 
+// What a handshake message is: our version offered first in the peer's
+// list, the peer's choice of it, or anything else, which is refused.
+enum ZUNOMSG { ZMOffer, ZMUsing, ZMRefused };
+ZUNOMSG Zuno2Classify(const char* data, UI4 len);
+
 // The callback of every connection of the link, on the work thread.
 SI4 OOSfn2(PHIERAKI pItem);
 // The answer to one received part of a page connection: a file of the

@@ -29,6 +29,8 @@
 
 static int rs_error = 0;
 
+void Zuno2ParserReset() { rs_error = 0; }
+
 void ZunoHttpDir(PCH1 dir) { strcpy(dir, ZUNO_HTTPDIR); }
 
 // An address, in brackets or up to the next ':' or the end. Blanks are

@@ -69,6 +69,9 @@ SI4 Zuno2ReadConfigfile(PZuno2Config cfg);
 // the address in brackets when it holds colons, and "[ipv4]", "[ipv6]" or
 // "[dual]" behind it.
 void rs_parse(PZuno2Config cfg, PCH1 start, PCH1 end);
+// Clears the parser's error flag, which otherwise lasts for the process:
+// for tests and fuzzing, never called by the library itself.
+void Zuno2ParserReset();
 // The allowed and denied address ranges of the ini file.
 SI4 Zuno2Peers(PZuno2Config cfg);
 // The link's TLS record from the file's certificate, key and root settings,

@@ -115,7 +115,9 @@ TEST(Zuno2ConfigDeathTest, AFileWithEveryKey) {
       {
         Parsed p = Read({{"ZUNO\\INIT", "config:" + file}});
         const tZuno2Config& c = p.cfg;
-        bool ok = p.rc == 0 && c.Direction == DIRPoll && std::string(c.pAddress) == "example.org" && c.Port == 4600 &&
+        // The certificate named can't be read (or there is no companion to
+        // read it with): the secure settings fail, and all is read anyway.
+        bool ok = (p.rc == ERR_INVALID_CERTIFICATE || p.rc == ERR_NO_SSL_SUPPORT) && !c.pCert && c.Direction == DIRPoll && std::string(c.pAddress) == "example.org" && c.Port == 4600 &&
                   c.MaxBlockSize == 1000 && c.SSLValidation == 9 && c.Protocol == PIPv6 && c.Secure == SECAnonymous &&
                   std::string(c.pPublicCertFile) == "/c.pem" && std::string(c.pRootCertDir) == "/roots" &&
                   std::string(c.pHttpDir) == "/www/" && c.Magic == 7 && c.Trace == 3 && !c.pAcceptCertDir &&
