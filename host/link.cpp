@@ -8,6 +8,10 @@
 namespace host {
 
 namespace {
+// The library calls back on its work thread, also while the host ends the
+// link: the callbacks run under this lock, and the host's object goes only
+// once none is running.
+std::mutex currentLock;
 LinkHost* current = nullptr;
 }  // namespace
 
@@ -22,7 +26,10 @@ LinkHost* LinkHost::Open(Library& lib, std::map<std::string, std::string> settin
   h->settings_ = std::move(settings);
   h->onMessage_ = std::move(onMessage);
   h->onEnd_ = std::move(onEnd);
-  current = h;
+  {
+    std::lock_guard<std::mutex> g(currentLock);
+    current = h;
+  }
   LinkCallbacks callbacks = {&LinkHost::Notify, &LinkHost::Config};
   h->table_ = (LinkTable*)lib.raw().Zuno2Init(&callbacks);
   if (!h->table_) {
@@ -33,6 +40,7 @@ LinkHost* LinkHost::Open(Library& lib, std::map<std::string, std::string> settin
 }
 
 LinkHost::~LinkHost() {
+  std::lock_guard<std::mutex> g(currentLock);
   if (current == this) current = nullptr;
 }
 
@@ -49,6 +57,7 @@ std::string LinkHost::Errortext(int32_t code) {
 int32_t LinkHost::State() const { return __atomic_load_n(&table_->state, __ATOMIC_ACQUIRE); }
 
 int32_t LinkHost::Notify(uint32_t event, void* item) {
+  std::lock_guard<std::mutex> g(currentLock);
   LinkHost* h = current;
   if (!h) return 0;
   if (event == 3) {
@@ -66,6 +75,7 @@ int32_t LinkHost::Notify(uint32_t event, void* item) {
 }
 
 int32_t LinkHost::Config(char* key, char* value, size_t size) {
+  std::lock_guard<std::mutex> g(currentLock);
   LinkHost* h = current;
   if (!size) return 0;
   value[0] = 0;

@@ -4,6 +4,8 @@
 // accepts share one record, counted by hand.
 #pragma once
 
+#include <atomic>
+
 #include "pelkossl.h"
 #include "socket.h"
 
@@ -36,7 +38,7 @@ class RootCerts;
 typedef RootCerts* PRootCerts;
 
 struct CERTDATA {
-  SI4 refs;
+  std::atomic<SI4> refs;  // the listener's accepts and host threads count at once
   PAA paaInfo;  // the verification status of the first failure
   CERTDATATYPE pubCert;
   gnutls_pcert_st* certs;

@@ -15,8 +15,8 @@
 #include "talplat.h"
 #include "vapl.h"
 
-UI4 uiGlobalLevel = 0;
-UI4 ulGlobalTrace = 0;
+std::atomic<UI4> uiGlobalLevel{0};
+std::atomic<UI4> ulGlobalTrace{0};
 PCH10 pLogFile = nullptr;
 
 static const char* const pcType[] = {

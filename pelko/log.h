@@ -3,6 +3,8 @@
 // only into a log file that already exists.
 #pragma once
 
+#include <atomic>
+
 #include <cstdio>
 
 #include "taltypes.h"
@@ -12,8 +14,8 @@ struct VARRAY;
 #define LOGMASK 0xfffffff0u
 #define BaseLogLevel 1
 
-extern UI4 uiGlobalLevel;
-extern UI4 ulGlobalTrace;
+extern std::atomic<UI4> uiGlobalLevel;
+extern std::atomic<UI4> ulGlobalTrace;
 extern PCH10 pLogFile;
 
 void LOGSet(UI4 word);
@@ -31,10 +33,11 @@ void DescribeAA(FILE* f, VARRAY* aa, int indent);
 void PrintAA(FILE* f, VARRAY* aa, int indent);
 
 // The whole cost of a log site while logging is off: two loads, an OR, a
-// mask and a compare.
+// mask and a compare. Any thread may change the words meanwhile; a line
+// sees the old setting or the new one.
 inline SI4 LOGif(UI4 force, UI4 module, UI4 level) {
-  if (((ulGlobalTrace | force) & module) < 16) return 0;
-  return (uiGlobalLevel >= level || level <= (force & 15)) ? 1 : 0;
+  if (((ulGlobalTrace.load(std::memory_order_relaxed) | force) & module) < 16) return 0;
+  return (uiGlobalLevel.load(std::memory_order_relaxed) >= level || level <= (force & 15)) ? 1 : 0;
 }
 
 // Each source file defines MODULE to its own bit before using these.

@@ -190,9 +190,9 @@ void TwoEnds(const Dir& d, const std::string& serveIni, const std::string& clien
   server->Write("from the server\n");
   EXPECT_TRUE(server->Saw("received: from the client\n", 5000)) << server->ReadUntil("", 0);
   EXPECT_TRUE(client->Saw("received: from the server\n", 5000)) << client->ReadUntil("", 0);
-  EXPECT_EQ(server->Stop(), 0);
+  EXPECT_EQ(server->Stop(), 0) << server->ReadUntil("\x01", 2000);
   EXPECT_TRUE(client->Saw("session ended", 5000)) << client->ReadUntil("", 0);
-  EXPECT_EQ(client->Stop(), 0);
+  EXPECT_EQ(client->Stop(), 0) << client->ReadUntil("\x01", 2000);
 }
 
 TEST(LinkSession, TwoProcessesEachWay) {

@@ -53,8 +53,8 @@ class LogFile : public ::testing::Test {
 TEST(LogWord, SetGetAndTest) {
   UI4 saved = LOGGet();
   LOGSet(0x85);
-  EXPECT_EQ(uiGlobalLevel, 5u);
-  EXPECT_EQ(ulGlobalTrace, 0x80u);
+  EXPECT_EQ(uiGlobalLevel.load(), 5u);
+  EXPECT_EQ(ulGlobalTrace.load(), 0x80u);
   EXPECT_EQ(LOGGet(), 0x85u);
   EXPECT_EQ(LOGif(0, 0x200, 1), 0);
   EXPECT_EQ(LOGif(0, 0x80, 6), 0);
