@@ -71,12 +71,14 @@ UI4 FmtIntBig(UI1* pbSrc, UI4 cbSrc, PCH1 pbDst, UI4 cbDst, int fSign) {
 // certificate's structure.
 static asn1_node Tree(gnutls_x509_crt_t cert) { return *(asn1_node*)cert; }
 
-// An ASN.1 value as text; a failed read gives an empty text.
-static void SetAsn1(PAA v, UI4 i, gnutls_x509_crt_t cert, const char* name) {
+// An ASN.1 value as text; a failed read gives an empty text. A bit
+// string's length comes back in bits: its bytes are the text.
+static void SetAsn1(PAA v, UI4 i, gnutls_x509_crt_t cert, const char* name, bool bits = false) {
   char buf[ASN1_ROOM];
   int len = sizeof(buf);
   if (asn1_read_value(Tree(cert), name, buf, &len) != ASN1_SUCCESS) len = 0;
-  VASetCH1(v, i, buf, (UI4)len, VACHAR);
+  if (bits) len = (len + 7) / 8;
+  VASetCH1(v, i, buf, (UI4)(len < (int)sizeof(buf) ? len : (int)sizeof(buf)), VACHAR);
 }
 
 static void SetBytes(PAA v, UI4 i, const void* data, UI4 len) {
@@ -193,8 +195,8 @@ SI4 DecodeCertInfo(gnutls_x509_crt_t cert, int verbose, PPAA ppCertinfo) {
   VASetpAA(v, 4, validity);
   VASetpAA(v, 5, Name(cert, verbose, false));
   VASetpAA(v, 6, PublicKey(cert, verbose));
-  SetAsn1(v, 7, cert, "tbsCertificate.issuerUniqueID");
-  SetAsn1(v, 8, cert, "tbsCertificate.subjectUniqueID");
+  SetAsn1(v, 7, cert, "tbsCertificate.issuerUniqueID", true);
+  SetAsn1(v, 8, cert, "tbsCertificate.subjectUniqueID", true);
   VASetpAA(v, 9, Extensions(cert));
   return 0;
 }

@@ -27,7 +27,7 @@ typedef SI4 (*TCommNotify)(UI4 event, PVOID item);
 typedef SI4 (*TCommConfig)(PCH1 key, PCH1 value, size_t size);
 
 struct CertCollection;
-struct TALTHREAD;
+class TALTHREAD;
 
 typedef struct tZuno2Config {
   TCommNotify CommNotify;

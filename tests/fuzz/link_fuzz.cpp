@@ -34,10 +34,11 @@ void Setup() {
   dir = mkdtemp(tmpl);
   FILE* f = fopen((dir + "/index.html").c_str(), "w");
   if (f) fputs("<p>page</p>", f), fclose(f);
-  static tZuno2Config web = {};
-  web.pHttpDir = strdup(dir.c_str());
-  snprintf(web.ConfigFile, sizeof(web.ConfigFile), "%s/zuno.ini", dir.c_str());
-  fns2.pZuno2Config = &web;
+  // The library's own: it frees the configuration at unload.
+  PZuno2Config web = (PZuno2Config)calloc(1, sizeof(tZuno2Config));
+  web->pHttpDir = strdup(dir.c_str());
+  snprintf(web->ConfigFile, sizeof(web->ConfigFile), "%s/zuno.ini", dir.c_str());
+  fns2.pZuno2Config = web;
 }
 
 // A text the settings may hold; device and process files stand for no

@@ -135,6 +135,58 @@ TEST(CertDecode, FilesGiveOneByteVectorPerCertificate) {
   EXPECT_EQ(Code(Certs_(r.root, {Opt("Type", Value::Text("Folder"))})), 1005);  // ERR_NONCE
 }
 
+// DER: the size of an element's header at `at`, its content's length in *len.
+size_t DerHeader(const std::string& d, size_t at, size_t* len) {
+  unsigned char b = (unsigned char)d[at + 1];
+  if (b < 0x80) {
+    *len = b;
+    return 2;
+  }
+  *len = 0;
+  for (int i = 0; i < (b & 0x7f); i++) *len = *len << 8 | (unsigned char)d[at + 2 + i];
+  return 2 + (b & 0x7f);
+}
+
+std::string DerLength(size_t n) {
+  if (n < 0x80) return std::string(1, (char)n);
+  if (n < 0x100) return std::string("\x81") + (char)n;
+  return std::string("\x82") + (char)(n >> 8) + (char)(n & 0xff);
+}
+
+// The certificate with an issuer unique id of `id` behind its public key.
+// The signature no longer fits it, which decoding doesn't look at.
+std::string WithIssuerUniqueId(const std::string& cert, const std::string& id) {
+  size_t certLen, tbsLen;
+  size_t tbsAt = DerHeader(cert, 0, &certLen);
+  size_t first = tbsAt + DerHeader(cert, tbsAt, &tbsLen), p = first;
+  for (int k = 0; k < 7; k++) {  // version, serial, algorithm, issuer, validity, subject, key
+    size_t l, h = DerHeader(cert, p, &l);
+    p += h + l;
+  }
+  std::string tbs = cert.substr(first, p - first) + "\x81" + DerLength(id.size() + 1) + '\0' + id +
+                    cert.substr(p, first + tbsLen - p);
+  std::string body = "\x30" + DerLength(tbs.size()) + tbs + cert.substr(first + tbsLen);
+  return "\x30" + DerLength(body.size()) + body;
+}
+
+TEST(CertDecode, AUniqueIdIsItsBytesNotItsBits) {
+  if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
+  Roots r("CertUid");
+  std::string der;
+  for (int64_t b : Der(Certs::Get().File("serial.pem")).ints()) der += (char)b;
+  // 100 bytes are 800 bits; read as a length in bytes they overran the
+  // room of the read (found by cert_fuzz).
+  std::string spliced = WithIssuerUniqueId(der, std::string(100, 'u'));
+  std::vector<int8_t> bytes(spliced.begin(), spliced.end());
+  for (int details = 0; details < 2; details++) {
+    host::CallResult v = Certs_(r.root, {Opt("Type", Value::Text("Decode")), Opt("Source", Value::Int8s(bytes)),
+                                         Opt("Details", Value::Int(details))});
+    ASSERT_EQ(Code(v), 0) << v.result.Format();
+    EXPECT_EQ(v.result[1][1][7].count(), 100u);
+    EXPECT_EQ(v.result[1][1][8].count(), 0u);
+  }
+}
+
 TEST(CertDecode, BytesThatAreNoCertificateGiveACode) {
   if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
   Roots r("CertBad");
