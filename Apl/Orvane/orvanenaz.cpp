@@ -259,6 +259,16 @@ static UI8 RecordAxis(PCH1 pOrvane, UI4 i) {
   return axis;
 }
 
+bool ByteVectorZ(PUI4 pZ, UI4 blockSize, PCH1* ppData, PUI4 pLen) {
+  if (!CheckZ(pZ, blockSize)) return false;
+  PCH1 rec = (PCH1)pZ + 8;
+  UI4 rank = RecordRank(rec);
+  if ((((PORVANE)rec)->typerank & 15) != 15 || ((PORVANE)rec)->eltype != 2 || rank > 1) return false;
+  *pLen = rank ? (UI4)RecordAxis(rec, 0) : 1;
+  *ppData = rec + ORVANE_HEADER + rank * 8;
+  return true;
+}
+
 SI4 GetVector(bool, PCH1 pOrvane, PUI4 pLen, PCH1* ppData) {
   UI4 rank = RecordRank(pOrvane);
   UI4 eltype = ((PORVANE)pOrvane)->eltype;

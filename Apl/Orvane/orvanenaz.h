@@ -51,6 +51,9 @@ PAA UnpackZ(PUI4 pZ, UI4 blockSize);
 // Whether UnpackZ(pZ, blockSize) would succeed, found without allocating
 // or copying anything.
 bool CheckZ(PUI4 pZ, UI4 blockSize);
+// Whether a block holds one simple vector (or scalar) of 1-byte integers;
+// its bytes and their count, in place in the block, when it does.
+bool ByteVectorZ(PUI4 pZ, UI4 blockSize, PCH1* ppData, PUI4 pLen);
 PUI4 ScalarZ(UI4 v);
 // A byte view of a host record, in place: classic characters are translated
 // to ASCII and 2-byte integers narrowed to bytes, both in the record itself.

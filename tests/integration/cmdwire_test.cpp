@@ -17,36 +17,6 @@ namespace {
 
 using namespace cmdtest;
 
-void PutBE(std::string& s, size_t at, uint32_t v) {
-  for (int i = 0; i < 4; i++) s[at + i] = (char)(v >> (24 - 8 * i));
-}
-
-uint32_t GetBE(const std::string& s, size_t at) {
-  uint32_t v = 0;
-  for (int i = 0; i < 4; i++) v = v << 8 | (uint8_t)s[at + i];
-  return v;
-}
-
-std::string Field(const std::string& text) { return (text + std::string(32, ' ')).substr(0, 32); }
-
-// One message as a peer writes it: the 115-byte header and the payload.
-std::string Message(uint32_t type, const std::string& name, const std::string& sub, const std::string& payload,
-                    const char* magic = "Pelko000") {
-  std::string m(115, '\0');
-  PutBE(m, 0, (uint32_t)(115 + payload.size()));
-  PutBE(m, 4, type);
-  memcpy(&m[8], magic, 8);
-  m.replace(16, 32, Field(""));
-  m.replace(48, 32, Field(name));
-  m.replace(80, 32, Field(sub));
-  return m + payload;
-}
-
-std::string Payload(const Value& v) {
-  std::vector<uint8_t> b = host::Encode(v).bytes();
-  return std::string(b.begin(), b.end());
-}
-
 class Peer {
  public:
   explicit Peer(int fd) : fd_(fd) {}
