@@ -175,8 +175,7 @@ SI4 MESSAGE::GetWaitReturns(PHIERAKI pItem, PCH1 name, PCH1 event, OBJSTATE*, PU
   }
   pBuf->Rewind();
   VATYPES t = Mode == MRaw || Mode == MBlkRaw ? VAI2 : VAC1;
-  PAA p = Data2pAA(pBuf->Next(), pBuf->Remaining(), t);
-  *ppZ = p ? PackZ(p) : nullptr;
+  *ppZ = VectorZ(pBuf->Next(), pBuf->Remaining(), t);
   PCH1 dot = strrchr(name, '.');
   if (dot) *dot = 0;
   return *ppZ ? 0 : ERR_MEMORY_ALLOC;

@@ -243,6 +243,40 @@ PUI4 PackZ(PAA pAA) {
   return (PUI4)block;
 }
 
+PUI4 VectorZ(PCH1 data, UI4 n, VATYPES type) {
+  if (type != VAI2 && type != VAC1) return nullptr;
+  UI8 bytes = type == VAI2 ? 2ull * n : n;
+  UI8 padded = (bytes + 7) & ~7ull;
+  UI4 header = ORVANE_HEADER + 8;
+  UI8 total = 8 + header + padded;
+  if (total > 0xFFFFFFFFull) return nullptr;
+  PCH1 block = (PCH1)malloc(total);
+  if (!block) return nullptr;
+  PutBE32(block, (UI4)total);
+  PutBE32(block + 4, RETZHEADER);
+  PCH1 rec = block + 8;
+  UI8 length = 1 + padded / 8 + 3;
+  memcpy(rec, &length, 8);
+  memset(rec + 8, 0, 8);
+  SI2 host = HostType(type);
+  ((PORVANE)rec)->typerank = (UI1)(1 << 4 | 15);
+  ((PORVANE)rec)->eltype = (UI1)host;
+  UI8 axis = n;
+  memcpy(rec + ORVANE_HEADER, &axis, 8);
+  PCH1 out = rec + header;
+  if (type == VAC1) {
+    memcpy(out, data, n);
+    if (!isUnicode()) VA2avn(out, n);
+  } else {
+    for (UI4 i = 0; i < n; i++) {
+      SI2 v = (SI2)(UI1)data[i];
+      memcpy(out + 2 * (size_t)i, &v, 2);
+    }
+  }
+  memset(out + bytes, 0, padded - bytes);
+  return (PUI4)block;
+}
+
 PUI4 ScalarZ(UI4 v) {
   PCH1 block = (PCH1)malloc(32);
   if (!block) return nullptr;

@@ -55,6 +55,10 @@ bool CheckZ(PUI4 pZ, UI4 blockSize);
 // its bytes and their count, in place in the block, when it does.
 bool ByteVectorZ(PUI4 pZ, UI4 blockSize, PCH1* ppData, PUI4 pLen);
 PUI4 ScalarZ(UI4 v);
+// The block PackZ would give for a vector of received bytes, as 2-byte
+// integers (VAI2) or as text (VAC1, translated for classic callers),
+// written straight from the bytes: one pass, no array between.
+PUI4 VectorZ(PCH1 data, UI4 n, VATYPES type);
 // A byte view of a host record, in place: classic characters are translated
 // to ASCII and 2-byte integers narrowed to bytes, both in the record itself.
 SI4 GetVector(bool flag, PCH1 pOrvane, PUI4 pLen, PCH1* ppData);

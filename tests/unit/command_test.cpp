@@ -124,6 +124,20 @@ TEST(CommandObjects, WhatAWaitHandsOver) {
   EXPECT_EQ(next, SProcessing);
   EXPECT_EQ(c->NextState, SDoNotChange);
   free(z);
+  // Received bytes go to the host as the packed array would: the same
+  // block, byte for byte, for every length's padding and both types.
+  char noise[40];
+  for (int i = 0; i < 40; i++) noise[i] = (char)(i * 37 + 200);
+  for (VATYPES t : {VAI2, VAC1})
+    for (UI4 n : {0u, 1u, 3u, 8u, 13u, 40u}) {
+      PUI4 packed = PackZ(Data2pAA(noise, n, t)), direct = VectorZ(noise, n, t);
+      ASSERT_NE(direct, nullptr);
+      ASSERT_EQ(GetBE32(direct), GetBE32(packed));
+      EXPECT_EQ(memcmp(packed, direct, GetBE32(packed)), 0) << t << " " << n;
+      free(packed);
+      free(direct);
+    }
+  EXPECT_EQ(VectorZ(noise, 3, VAF8), nullptr);
   // Data2pAA serves bytes and text only.
   EXPECT_EQ(Data2pAA(bytes, 3, VAF8), nullptr);
   PAA empty = Data2pAA(bytes, 0, VAI2);
