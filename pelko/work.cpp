@@ -98,7 +98,7 @@ static void NewRound(PFDSETS fds) {
 
 SI4 WorkThread(PHIERAKI root) {
   PROOT pRoot = (PROOT)(PRPCOBJS)root->pObj;
-  pRoot->pid = getpid();
+  pRoot->pid = CurrentPid();
   FDSETS fds;
   for (;;) {
     LOG(5, ("Work thread activated"));
@@ -108,7 +108,7 @@ SI4 WorkThread(PHIERAKI root) {
     SI4 count = 0;
     fds.lError = SfWait(&fds.ss, WORK_SELECT_SECONDS, &count);
     LOG(2, ("After wait lError: %d cnt: %d", fds.lError, count));
-    if (pRoot->pid != getpid()) {
+    if (pRoot->pid != CurrentPid()) {
       // Carried across a fork: this thread belongs to another process.
       fds.lError = ERR_FORK;
     } else {

@@ -4,8 +4,11 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -235,4 +238,19 @@ int TALIpv4::Extract() {
     mask++;
   }
   return 0;
+}
+
+// The process id, kept up to date by a fork handler: the work thread asks
+// for it after every select, and a system call each round would be its
+// most frequent one.
+static std::atomic<pid_t> processId{0};
+
+static void ForkedChild() { processId.store(getpid(), std::memory_order_relaxed); }
+
+pid_t CurrentPid() {
+  static const bool registered = [] {
+    processId.store(getpid(), std::memory_order_relaxed);
+    return pthread_atfork(nullptr, nullptr, ForkedChild) == 0;
+  }();
+  return registered ? processId.load(std::memory_order_relaxed) : getpid();
 }

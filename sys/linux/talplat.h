@@ -6,6 +6,7 @@
 #include <ifaddrs.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdio>
@@ -70,6 +71,8 @@ typedef TALSEMATO* PTALSEMATO;
 // Wall clock in microseconds; the library's one clock. Exported.
 PELKO_EXPORT F8 Micros();
 void TALSleep(F8 micros);
+// getpid(), without a system call once the first call has run.
+pid_t CurrentPid();
 void InitTimer();
 SI4 InitSocket(void** p);
 SI4 WSAGetLastError();
