@@ -13,41 +13,44 @@
 
 #include "log.h"
 #include "orvanenaz.h"
+#include "talplat.h"
 
 #define MODULE 0x00000080
 
-BUFFER::BUFFER(UI4 size)
-    : Size(size), Offset(0), Blksize(BUFFERBLKSIZE), pBuf(new CH1[size ? size : 1]),
-      Alloc(size) {}
+// Every block of a buffer comes from BigAlloc, so a BLOCKBUFFER's can go
+// to the host, which frees it with free().
+static PCH1 Block(UI4 size) {
+  PCH1 p = (PCH1)BigAlloc(size);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+
+BUFFER::BUFFER(UI4 size) : Size(size), Offset(0), Blksize(BUFFERBLKSIZE), pBuf(Block(size)), Alloc(size) {}
 
 BUFFER::BUFFER(UI4 size, PCH1 data) : BUFFER(size) {
   if (size) memcpy(pBuf, data, size);
 }
 
 BUFFER* BUFFER::TryNew(UI4 size) {
-  PCH1 p = new (std::nothrow) CH1[size ? size : 1];
+  PCH1 p = (PCH1)BigAlloc(size);
   if (!p) return nullptr;
   BUFFER* b = new BUFFER(0);
-  delete[] b->pBuf;
+  free(b->pBuf);
   b->pBuf = p;
   b->Size = b->Alloc = size;
   return b;
 }
 
 BLOCKBUFFER* BLOCKBUFFER::TryNew(UI4 size) {
-  PCH1 p = (PCH1)malloc(size ? size : 1);
+  PCH1 p = (PCH1)BigAlloc(size);
   if (!p) return nullptr;
   BLOCKBUFFER* b = new BLOCKBUFFER();
-  delete[] b->pBuf;
+  free(b->pBuf);
   b->pBuf = p;
   b->Size = b->Alloc = size;
   return b;
 }
 
-BLOCKBUFFER::~BLOCKBUFFER() {
-  free(pBuf);
-  pBuf = nullptr;
-}
 
 PCH1 BLOCKBUFFER::Release() {
   PCH1 p = pBuf;
@@ -57,7 +60,7 @@ PCH1 BLOCKBUFFER::Release() {
 }
 
 BUFFER::~BUFFER() {
-  delete[] pBuf;
+  free(pBuf);
   pBuf = nullptr;
 }
 
@@ -87,9 +90,9 @@ BOOL BUFFER::AppendP(PCH1 p, UI4 n) {
 
 UI4 BUFFER::Resize(UI4 n) {
   if (n >= Size) {
-    PCH1 p = new CH1[n ? n : 1];
+    PCH1 p = Block(n);
     if (Size) memcpy(p, pBuf, Size);
-    delete[] pBuf;
+    free(pBuf);
     pBuf = p;
     Alloc = n;
   }

@@ -76,7 +76,6 @@ class BLOCKBUFFER : public BUFFER {
  public:
   // Null when the block can't be had.
   static BLOCKBUFFER* TryNew(UI4 size);
-  ~BLOCKBUFFER() override;
   // The block, now the caller's (to free); the buffer is left empty.
   PCH1 Release();
 

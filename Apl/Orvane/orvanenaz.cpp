@@ -11,6 +11,7 @@
 
 #include "log.h"
 #include "pelkoerr.h"
+#include "talplat.h"
 #include "vatrans.h"
 #include "vaunicod.h"
 
@@ -250,7 +251,7 @@ PUI4 VectorZ(PCH1 data, UI4 n, VATYPES type) {
   UI4 header = ORVANE_HEADER + 8;
   UI8 total = 8 + header + padded;
   if (total > 0xFFFFFFFFull) return nullptr;
-  PCH1 block = (PCH1)malloc(total);
+  PCH1 block = (PCH1)BigAlloc(total);
   if (!block) return nullptr;
   PutBE32(block, (UI4)total);
   PutBE32(block + 4, RETZHEADER);

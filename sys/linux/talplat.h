@@ -71,6 +71,9 @@ typedef TALSEMATO* PTALSEMATO;
 // Wall clock in microseconds; the library's one clock. Exported.
 PELKO_EXPORT F8 Micros();
 void TALSleep(F8 micros);
+// Memory for a block of any size, freed with free(); null when there is
+// none. Large blocks are placed for huge pages.
+void* BigAlloc(size_t n);
 // getpid(), without a system call once the first call has run.
 pid_t CurrentPid();
 void InitTimer();
