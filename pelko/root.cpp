@@ -98,7 +98,7 @@ SI4 RPCUnload(PHIERAKI root) {
 ROOT::ROOT()
     : RPCOBJS(TRoot), pSockData(nullptr), pClt(nullptr), pWork(nullptr), pBuf(nullptr),
       DefProt(PAny), EventMode(0), NameCnt(0), pid(0), UseFnsReady(0), pfnsReady(),
-      pTalThread(nullptr), LastChecked(time(nullptr)), pCertRootDir(nullptr),
+      pTalThread(nullptr), LastChecked(time(nullptr)), WakePending(false), pCertRootDir(nullptr),
       pRootCerts(new RootCerts()), pThreadSem(new TALSEMA(1, 1)), pThreadList(nullptr),
       pClientSessionDB(nullptr) {}
 
@@ -169,7 +169,11 @@ SI4 ROOT::SendWord(UI4 word) {
 SI4 ROOT::Dirty() {
   SI4 rc = lErrorObj;
   if (rc) return rc;
+  // One word wakes the thread; the round it starts sees every change made
+  // before the word's flag is cleared at that round's beginning.
+  if (WakePending.exchange(true)) return 0;
   rc = SendWord(0);
+  if (rc) WakePending = false;
   return rc == ERR_SEND ? 0 : rc;
 }
 
@@ -232,9 +236,9 @@ SI4 ROOT::Execute(PFDSETS fds) {
   pBuf->Rewind();
   UI4 word;
   memcpy(&word, pBuf->Start(), 4);
-  if (word == (UI4)getpid()) {
+  if (word == (UI4)CurrentPid()) {
     fds->endWorkThread = true;
-    LOG(1, ("endWorkThread %d %d", (int)word, (int)getpid()));
+    LOG(1, ("endWorkThread %d %d", (int)word, (int)CurrentPid()));
   }
   return 0;
 }

@@ -45,6 +45,10 @@ class ROOT : public RPCOBJS {
   void* pfnsReady[5];
   PTALTHREAD pTalThread;
   time_t LastChecked;
+  // A wake-up word is on its way and the work thread has not yet begun the
+  // round that will look at the tree: further wake-ups would only cost it
+  // empty rounds.
+  std::atomic<bool> WakePending;
   PCH1 pCertRootDir;
   PRootCerts pRootCerts;
   PTALSEMA pThreadSem;

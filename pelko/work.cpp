@@ -103,6 +103,9 @@ SI4 WorkThread(PHIERAKI root) {
   for (;;) {
     LOG(5, ("Work thread activated"));
     NewRound(&fds);
+    // From here on a host's change is seen by this round's walks, or its
+    // wake-up word starts another round.
+    pRoot->WakePending = false;
     if (pRoot->State == SFinished) fds.cntFinished = 1;
     CheckNode(root, &fds);
     SI4 count = 0;
