@@ -203,9 +203,16 @@ static SI4 OlderSetting(PZuno2Config cfg, const char* key, TDirection dir, SI4 c
   return cfg->Direction == DIRUndefined ? code : 0;
 }
 
+// One value of the file; a value longer than the room is cut and still
+// ends with a terminator, which the file reader doesn't write for it.
+static void Ini(PZuno2Config cfg, const char* section, const char* key, const char* def, PCH1 out, UI4 size) {
+  PLATIni((PCH1)section, (PCH1)key, (PCH1)def, out, size, cfg->ConfigFile);
+  out[size - 1] = 0;
+}
+
 static UI4 IniNumber(PZuno2Config cfg, const char* key, UI4 def) {
   char value[64];
-  PLATIni((PCH1) "Zuno", (PCH1)key, (PCH1) "", value, sizeof(value), cfg->ConfigFile);
+  Ini(cfg, "Zuno", key, "", value, sizeof(value));
   return value[0] ? (UI4)strtol(value, nullptr, 10) : def;
 }
 
@@ -213,14 +220,14 @@ static void IniText(PZuno2Config cfg, const char* key, PCH1* field) {
   free(*field);
   *field = nullptr;
   char value[ZUNO_PATH_ROOM];
-  PLATIni((PCH1) "Zuno", (PCH1)key, (PCH1) "", value, sizeof(value), cfg->ConfigFile);
+  Ini(cfg, "Zuno", key, "", value, sizeof(value));
   if (value[0]) *field = strdup(value);
 }
 
 // The direction and the address from the file, when the host left them.
 static SI4 IniDirection(PZuno2Config cfg) {
   char value[ZUNO_SETTING_ROOM];
-  PLATIni((PCH1) "Zuno", (PCH1) "Direction", (PCH1) "notfound", value, sizeof(value), cfg->ConfigFile);
+  Ini(cfg, "Zuno", "Direction", "notfound", value, sizeof(value));
   SI4 rc = strcmp(value, "notfound") == 0 ? ERR_ZUNO_INI_NOT_FOUND : 0;
   static const struct {
     const char* word;
@@ -228,12 +235,12 @@ static SI4 IniDirection(PZuno2Config cfg) {
   } kDirs[] = {{"listen", DIRListen}, {"connect", DIRConnect}, {"poll", DIRPoll}, {"http", DIRHttp}};
   for (const auto& d : kDirs)
     if (strcasecmp(value, d.word) == 0) cfg->Direction = d.dir;
-  PLATIni((PCH1) "Zuno", (PCH1) "address", (PCH1) "", value, sizeof(value), cfg->ConfigFile);
+  Ini(cfg, "Zuno", "address", "", value, sizeof(value));
   if (value[0]) {
     free(cfg->pAddress);
     cfg->pAddress = strdup(value);
   }
-  PLATIni((PCH1) "Zuno", (PCH1) "port", (PCH1) "", value, sizeof(value), cfg->ConfigFile);
+  Ini(cfg, "Zuno", "port", "", value, sizeof(value));
   cfg->Port = value[0] ? (UI4)strtol(value, nullptr, 10) : ZUNODEFAULTPORT;
   return rc;
 }
@@ -243,9 +250,9 @@ static void IniSettings(PZuno2Config cfg) {
   char value[ZUNO_PATH_ROOM];
   cfg->MaxBlockSize = IniNumber(cfg, "MaxBlockSize", ZUNOMAXBLOCKSIZE);
   cfg->SSLValidation = IniNumber(cfg, "SSLValidation", 0);
-  PLATIni((PCH1) "Zuno", (PCH1) "Protocol", (PCH1) "", value, sizeof(value), cfg->ConfigFile);
+  Ini(cfg, "Zuno", "Protocol", "", value, sizeof(value));
   cfg->Protocol = strcasecmp(value, "ipv4") == 0 ? PIPv4 : strcasecmp(value, "ipv6") == 0 ? PIPv6 : PAny;
-  PLATIni((PCH1) "Zuno", (PCH1) "Secure", (PCH1) "", value, sizeof(value), cfg->ConfigFile);
+  Ini(cfg, "Zuno", "Secure", "", value, sizeof(value));
   cfg->Secure = strcasecmp(value, "secure") == 0 ? SECSecure : strcasecmp(value, "anonymous") == 0 ? SECAnonymous : SECPlain;
   IniText(cfg, "PublicCertData", &cfg->pPublicCertData);
   IniText(cfg, "PublicCertFile", &cfg->pPublicCertFile);
@@ -274,7 +281,7 @@ SI4 Zuno2Peers(PZuno2Config cfg) {
     PRANGES* ranges = s ? &cfg->pDeny : &cfg->pAllow;
     for (const char* key : {"Ipv6", "Ipv4"}) {
       char value[ZUNO_RANGE_ROOM];
-      PLATIni((PCH1)kSections[s], (PCH1)key, (PCH1) "", value, sizeof(value), cfg->ConfigFile);
+      Ini(cfg, kSections[s], key, "", value, sizeof(value));
       if (!value[0]) continue;
       if (!*ranges) *ranges = new RANGES();
       if (key[3] == '6')

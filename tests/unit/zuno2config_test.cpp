@@ -139,4 +139,18 @@ TEST(Zuno2ConfigDeathTest, AFileWithEveryKey) {
 }
 
 
+TEST(Zuno2ConfigDeathTest, ANumberLongerThanItsRoom) {
+  // The reader leaves a value cut to its room without a terminator; the
+  // number is read from the room alone (found by link_fuzz).
+  std::string file = "/tmp/pelkozunolong" + std::to_string(getpid()) + ".ini";
+  std::ofstream(file) << "[Zuno]\nDirection=listen\nMagic=" << std::string(120, '1') << "\n";
+  EXPECT_EXIT(
+      {
+        Parsed p = Read({{"ZUNO\\INIT", "config:" + file}});
+        exit(p.rc == 0 && p.cfg.Magic == 0xFFFFFFFFu ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+  unlink(file.c_str());
+}
+
 }  // namespace
