@@ -31,6 +31,7 @@ using Clock = std::chrono::steady_clock;
 const int kTrips = 3000;
 const size_t kBulk = 64u << 20;
 const int kBulkRuns = 3;
+const int kIdle = 400;
 
 double Seconds(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double>(b - a).count(); }
 
@@ -188,20 +189,27 @@ double PlainBulk() {
 
 struct Roots {
   host::Library& lib;
-  std::string srv = "BENCHSRV", clt = "BENCHCLT";
+  std::string srv = "BENCHSRV", clt = "BENCHCLT", port;
   explicit Roots(host::Library& l) : lib(l) {
     if (lib.Init(srv, lib.path()) || lib.Init(clt, lib.path())) abort();
     lib.Call(srv, "ASrv", Value::Nested({Opt("Name", Value::Text("S")), Opt("Address", Value::Text("127.0.0.1")),
                                          Opt("Port", Value::Text("0"))}));
     host::CallResult r = lib.Call(srv, "AGetProp", Value::Nested({Value::Text("S"), Value::Text("LocalAddr")}));
-    int port = (int)r.result[1][3].intAt(0);
+    port = std::to_string((int)r.result[1][3].intAt(0));
     lib.Call(clt, "AClt", Value::Nested({Opt("Name", Value::Text("C")), Opt("Address", Value::Text("127.0.0.1")),
-                                         Opt("Port", Value::Text(std::to_string(port)))}));
+                                         Opt("Port", Value::Text(port))}));
     if (Event(srv, "").first != "Connect") abort();
   }
   ~Roots() {
     lib.Call(clt, "AClose", Value::Text("."));
     lib.Call(srv, "AClose", Value::Text("."));
+  }
+  // One more client that stays idle; it waits for the server's accept, as
+  // the listener's backlog is short.
+  void Idle(int i) {
+    lib.Call(clt, "AClt", Value::Nested({Opt("Name", Value::Text("I" + std::to_string(i))),
+                                         Opt("Address", Value::Text("127.0.0.1")), Opt("Port", Value::Text(port))}));
+    if (Event(srv, "").first != "Connect") abort();
   }
   std::pair<std::string, std::string> Event(const std::string& root, const std::string& name) {
     BareEvent e = BareWait(lib, root, name);
@@ -271,5 +279,11 @@ int main() {
   double cmdBulk = CommandBulk(roots);
   printf("64 MB, MB/s     plain TCP %10.0f   command mode %10.0f   plain/command %.2f\n", plainBulk, cmdBulk,
          plainBulk / cmdBulk);
+  // The same round trips with idle connections beside the busy one: each
+  // pass of both work threads walks and selects over all of them.
+  for (int i = 0; i < kIdle; i++) roots.Idle(i);
+  double crowdedTrips = CommandTrips(roots, small);
+  printf("round trips/s   command mode with %d idle connections %10.0f   alone/crowded %.2f\n", kIdle,
+         crowdedTrips, cmdTrips / crowdedTrips);
   return 0;
 }
