@@ -18,9 +18,6 @@
 
 #define MODULE 0x00000080
 
-// Room for the wake-up words one round takes at most.
-#define WAKE_WORDS_ROOM 256
-
 PHIERAKI pRoots = nullptr;
 // Host threads look roots up by name while others open and close them; the
 // ring itself is guarded here.
@@ -146,7 +143,7 @@ SI4 ROOT::RootInit(PHIERAKI pItem) {
   }
   rc = RPCSockPair(&pWork, &pClt);
   if (rc) return rc;
-  pBuf = new BUFFER(WAKE_WORDS_ROOM);
+  pBuf = new BUFFER(4);
   // Known before the thread runs, so that a root closed at once still
   // waits for its thread.
   pid = getpid();
@@ -235,22 +232,14 @@ SI4 ROOT::Execute(PFDSETS fds) {
     fds->endWorkThread = true;
     return ERR_WORKSYNC_RECV;
   }
-  // Every whole word that has come is taken in this round: wake-ups that
-  // piled up cost one round, not one each. A part of a word waits for the
-  // rest.
-  UI4 whole = pBuf->SizeProcessed() / 4 * 4;
-  for (UI4 at = 0; at < whole; at += 4) {
-    UI4 word;
-    memcpy(&word, pBuf->Start() + at, 4);
-    if (word == (UI4)CurrentPid()) {
-      fds->endWorkThread = true;
-      LOG(1, ("endWorkThread %d %d", (int)word, (int)CurrentPid()));
-    }
-  }
-  UI4 rest = pBuf->SizeProcessed() - whole;
-  memmove(pBuf->Start(), pBuf->Start() + whole, rest);
+  if (!pBuf->Complete()) return ERR_WORKSYNC_RECV;
   pBuf->Rewind();
-  pBuf->NextProcessed(rest);
+  UI4 word;
+  memcpy(&word, pBuf->Start(), 4);
+  if (word == (UI4)CurrentPid()) {
+    fds->endWorkThread = true;
+    LOG(1, ("endWorkThread %d %d", (int)word, (int)CurrentPid()));
+  }
   return 0;
 }
 
