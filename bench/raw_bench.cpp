@@ -117,14 +117,16 @@ double LibraryReceives(Session& s, const char* mode) {
   return mb;
 }
 
-double Plain() {
+// Plain TCP: a writer thread pours kBytes with `write`, the reader drains.
+template <class W>
+double PlainWith(W write) {
   int port;
   int l = Listen(&port);
   int a = Dial(port);
   int b = accept(l, nullptr, nullptr);
   std::vector<char> src(kBytes, 'y');
   double mb = Median([&] {
-    std::thread writer([&] { Pour(a, src); });
+    std::thread writer([&] { write(a, src); });
     Drain(b, kBytes);
     writer.join();
   });
@@ -134,33 +136,22 @@ double Plain() {
   return mb;
 }
 
+double Plain() { return PlainWith(Pour); }
+
 // Plain TCP under the rule the library keeps for a socket: a select before
 // each send, and at most 16 KB a send. The cost of that rule alone.
 double PlainRuled() {
-  int port;
-  int l = Listen(&port);
-  int a = Dial(port);
-  int b = accept(l, nullptr, nullptr);
-  std::vector<char> src(kBytes, 'y');
-  double mb = Median([&] {
-    std::thread writer([&] {
-      for (size_t done = 0; done < kBytes;) {
-        fd_set out;
-        FD_ZERO(&out);
-        FD_SET(a, &out);
-        if (select(a + 1, nullptr, &out, nullptr, nullptr) != 1) abort();
-        ssize_t r = write(a, src.data() + done, std::min<size_t>(16384, kBytes - done));
-        if (r <= 0) abort();
-        done += (size_t)r;
-      }
-    });
-    Drain(b, kBytes);
-    writer.join();
+  return PlainWith([](int fd, const std::vector<char>& src) {
+    for (size_t done = 0; done < src.size();) {
+      fd_set out;
+      FD_ZERO(&out);
+      FD_SET(fd, &out);
+      if (select(fd + 1, nullptr, &out, nullptr, nullptr) != 1) abort();
+      ssize_t r = write(fd, src.data() + done, std::min<size_t>(16384, src.size() - done));
+      if (r <= 0) abort();
+      done += (size_t)r;
+    }
   });
-  close(a);
-  close(b);
-  close(l);
-  return mb;
 }
 
 }  // namespace

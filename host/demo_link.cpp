@@ -19,19 +19,6 @@
 
 namespace {
 
-// A loopback port nobody listens on at this moment.
-int FreePort() {
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t n = sizeof a;
-  bind(s, (sockaddr*)&a, sizeof a);
-  getsockname(s, (sockaddr*)&a, &n);
-  close(s);
-  return ntohs(a.sin_port);
-}
-
 // `pelkohost link SETTING` as a child: its standard input and output are
 // pipes of this process.
 struct Peer {
@@ -84,7 +71,7 @@ struct Peer {
 };
 
 void Link(demo::Stage& s) {
-  int port = FreePort();
+  int port = host::FreeLoopbackPort();
   std::string setting = "serve:127.0.0.1:" + std::to_string(port);
   std::mutex lock;
   std::string received;

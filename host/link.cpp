@@ -3,6 +3,11 @@
 // freed at once, as the interpreter does, so the connection goes on.
 #include "host/link.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstring>
 
 namespace host {
@@ -14,6 +19,18 @@ namespace {
 std::mutex currentLock;
 LinkHost* current = nullptr;
 }  // namespace
+
+int FreeLoopbackPort() {
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t n = sizeof a;
+  bind(s, (sockaddr*)&a, sizeof a);
+  getsockname(s, (sockaddr*)&a, &n);
+  close(s);
+  return ntohs(a.sin_port);
+}
 
 const char* LinkStateName(int32_t state) {
   static const char* const kNames[] = {"Idle", "Negotiate", "Listening", "Connected", "Error", "HttpSrv"};

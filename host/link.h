@@ -34,6 +34,9 @@ struct LinkCallbacks {
   int32_t (*CommConfig)(char* key, char* value, size_t size);
 };
 
+// A loopback port nobody listens on at this moment, for a link's setting.
+int FreeLoopbackPort();
+
 // The session's states, as the table's state word holds them.
 const char* LinkStateName(int32_t state);
 

@@ -407,34 +407,23 @@ static SI4 Zuno2Errortext(SI4 code, PCH1 text, UI4 size) {
 static void Incoming(PZuno2Config cfg, PHIERAKI pItem, PCONNECTION conn) {
   char name[ZUNO_NAME_ROOM];
   TZuno2State s = State();
-  bool page = s == Zuno2HttpSrv && conn->Mode != MWebSocket;
   LOG(1, ("New Connection %.32s", pItem->Name));
-  bool accepted = !cfg->pAcceptCertList || (conn->pCon && conn->pCon->IsIn(cfg->pAcceptCertList));
-  if (!CurrentName(name) && conn->Type == TConnection && accepted) {
-    if (s != Zuno2Listening && s != Zuno2HttpSrv) {
-      conn->State = SFinished;
-      return;
-    }
-    if (page) {
-      conn->pOOSfn = OOSfn2;
-      conn->State = SConnected;
-      return;
-    }
-    pItem->FullName(name, sizeof(name));
-    NewSession(name);
-    conn->pOOSfn = OOSfn2;
-    if (cfg->KAtime && cfg->KAint && conn->pCon) conn->pCon->SetKeepalive(cfg->KAtime, cfg->KAint);
-    SetState(Zuno2Negotiate);
-    conn->State = SConnected;
-    SendOffer();
+  conn->pOOSfn = OOSfn2;
+  if (s == Zuno2HttpSrv && conn->Mode != MWebSocket) {
+    conn->State = SConnected;  // a page connection, never the session
     return;
   }
-  if (page) {
-    conn->pOOSfn = OOSfn2;
-    conn->State = SConnected;
-  } else {
-    conn->State = SFinished;
+  bool accepted = !cfg->pAcceptCertList || (conn->pCon && conn->pCon->IsIn(cfg->pAcceptCertList));
+  if (CurrentName(name) || conn->Type != TConnection || !accepted || (s != Zuno2Listening && s != Zuno2HttpSrv)) {
+    conn->State = SFinished;  // a second peer is dropped without a word
+    return;
   }
+  pItem->FullName(name, sizeof(name));
+  NewSession(name);
+  if (cfg->KAtime && cfg->KAint && conn->pCon) conn->pCon->SetKeepalive(cfg->KAtime, cfg->KAint);
+  SetState(Zuno2Negotiate);
+  conn->State = SConnected;
+  SendOffer();
 }
 
 // The session has ended or was refused: the state falls back by direction.

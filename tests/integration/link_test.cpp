@@ -31,19 +31,6 @@ struct Dir {
   }
 };
 
-// A port nobody listens on at this moment.
-int FreePort() {
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t n = sizeof a;
-  bind(s, (sockaddr*)&a, sizeof a);
-  getsockname(s, (sockaddr*)&a, &n);
-  close(s);
-  return ntohs(a.sin_port);
-}
-
 std::string Loop(int port) { return "127.0.0.1:" + std::to_string(port); }
 
 // A raw TCP peer of the link, with every read bounded.
@@ -112,7 +99,7 @@ TEST(LinkWire, BlocksOfTheHandshakeAndTheSession) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.magic);
     Dir d;
-    int port = FreePort();
+    int port = host::FreeLoopbackPort();
     Link link(d, {"link", "serve:" + Loop(port), "--config", d.Add("zuno.ini", c.ini)});
     ASSERT_TRUE(link.Saw("state: Listening", 10000)) << link.ReadUntil("", 0);
     Peer p(port);
@@ -139,7 +126,7 @@ TEST(LinkWire, BlocksOfTheHandshakeAndTheSession) {
 
 TEST(LinkWire, RefusedOffersEndOnlyTheirConnection) {
   Dir d;
-  int port = FreePort();
+  int port = host::FreeLoopbackPort();
   Link link(d, {"link", "serve:" + Loop(port)});
   ASSERT_TRUE(link.Saw("state: Listening", 10000)) << link.ReadUntil("", 0);
   // The two lists that don't begin with 2 would keep the work thread
@@ -168,7 +155,7 @@ TEST(LinkWire, RefusedOffersEndOnlyTheirConnection) {
 // Two `pelkohost link` processes hold a session and pass lines both ways.
 void TwoEnds(const Dir& d, const std::string& serveIni, const std::string& clientIni, const std::string& how,
              bool lateServer) {
-  int port = FreePort();
+  int port = host::FreeLoopbackPort();
   std::vector<std::string> serveArgs = {"link", "serve:" + Loop(port)};
   std::vector<std::string> clientArgs = {"link", how + ":" + Loop(port)};
   if (!serveIni.empty()) serveArgs.insert(serveArgs.end(), {"--config", d.Add("serve.ini", serveIni)});
@@ -213,7 +200,7 @@ TEST(LinkSession, TwoProcessesOverTls) {
                           "\n";
   TwoEnds(d, serveIni, clientIni, "connect", false);
   // The bytes on the wire are TLS: a plain peer gets no offer.
-  int port = FreePort();
+  int port = host::FreeLoopbackPort();
   Link server(d, {"link", "serve:" + Loop(port), "--config", d.Add("s.ini", serveIni)});
   ASSERT_TRUE(server.Saw("state: Listening", 10000));
   Peer plain(port);
@@ -223,10 +210,10 @@ TEST(LinkSession, TwoProcessesOverTls) {
 
 TEST(LinkSession, StartErrorsAndTheirTexts) {
   Dir d;
-  int busy = FreePort();
+  int busy = host::FreeLoopbackPort();
   Link holder(d, {"link", "serve:" + Loop(busy)});
   ASSERT_TRUE(holder.Saw("state: Listening", 10000));
-  int none = FreePort();
+  int none = host::FreeLoopbackPort();
   struct Case {
     std::vector<std::string> args;
     std::string text;
@@ -261,7 +248,7 @@ TEST(LinkWeb, PagesWithTheirTypesAndNothingFromOutside) {
   if (!servetest::Have("curl")) GTEST_SKIP() << "no curl";
   Pages site;
   site.Add("www/index.html", "<p>index</p>");
-  int port = FreePort();
+  int port = host::FreeLoopbackPort();
   std::string ini = site.Add("zuno.ini", "[Zuno]\nHttpDir=" + site.www + "\n[ContentTypes]\nsvg=image/svg+xml\n"
                                          "js=application/x-test\n");
   Link link(site, {"link", "http:" + Loop(port), "--config", ini});
@@ -309,7 +296,7 @@ TEST(LinkWeb, ABrowserHoldsTheSession) {
   if (servetest::Chromium().empty()) GTEST_SKIP() << "no chromium";
   Pages site;
   site.Add("www/index.html", kLinkPage);
-  int port = FreePort();
+  int port = host::FreeLoopbackPort();
   Link link(site, {"link", "http:" + Loop(port), "--config", site.Add("zuno.ini", "[Zuno]\nHttpDir=" + site.www + "\n")});
   ASSERT_TRUE(link.Saw("state: HttpSrv", 10000)) << link.ReadUntil("", 0);
   std::string profile = servetest::StartBrowser(site.path, "http://" + Loop(port) + "/");
@@ -333,7 +320,7 @@ int Threads() {
 // thread, which reaches a late listener and ends when the link is off.
 TEST(LinkInProcess, TheTableAndThePollThread) {
   Dir d;
-  int port = FreePort();
+  int port = host::FreeLoopbackPort();
   std::unique_ptr<host::LinkHost> link(host::LinkHost::Open(
       pelkotest::Lib(), {{"ZUNO\\INIT", "poll:" + Loop(port)}, {"ORVANEUSERDIR", d.path}}, nullptr, nullptr));
   ASSERT_TRUE(link);
