@@ -51,7 +51,6 @@ BLOCKBUFFER* BLOCKBUFFER::TryNew(UI4 size) {
   return b;
 }
 
-
 PCH1 BLOCKBUFFER::Release() {
   PCH1 p = pBuf;
   pBuf = nullptr;
