@@ -230,30 +230,6 @@ TEST(Root, TreeAndClose) {
 
 // The same verbs reached as the host reaches them: a packed argument
 // through the exported dispatcher, a packed result back.
-TEST(Root, CallReachesTreeVerbs) {
-  StartRoot("called");
-  UI4* block = PackZ(VAText(""));  // PackZ takes the array over
-  UI4* in = block;
-  ASSERT_EQ(Call((char*)"called", (char*)"ATree", &block, nullptr), 0);
-  ASSERT_NE(block, in);
-  free(in);
-  PAA r = UnpackZ(block);
-  ASSERT_NE(r, nullptr);
-  EXPECT_EQ(IntOf(Elem(r, 0)), 0);
-  VAFree(r);
-  FreeUsedOrvaneResult(block);
-
-  block = PackZ(VAText("."));
-  in = block;
-  ASSERT_EQ(Call((char*)"called", (char*)"AClose", &block, nullptr), 0);
-  free(in);
-  r = UnpackZ(block);
-  EXPECT_EQ(IntOf(r), 0);
-  VAFree(r);
-  FreeUsedOrvaneResult(block);
-  EXPECT_EQ(Root("called"), nullptr);
-}
-
 TEST(Root, DirtyAfterThreadEnded) {
   PHIERAKI root = StartRoot("ended");
   PROOT p = RootObj(root);
