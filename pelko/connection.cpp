@@ -90,9 +90,17 @@ SI4 CONNECTION::WriteComplete(PFDSETS, PHIERAKI pItem) {
   return 0;
 }
 
-SI4 CONNECTION::PassiveClose(PFDSETS, PHIERAKI pItem) {
-  State = SSocketClosed;
+// The peer's close. A last block handed up just before may already have
+// been taken, and its taking finished the connection: that state stands,
+// or the host would get an "Error" for a connection it has seen end.
+void CONNECTION::SocketClosed() {
+  OBJSTATE expected = SConnected;
+  State.compare_exchange_strong(expected, SSocketClosed);
   if (pCon) pCon->CloseSocket();
+}
+
+SI4 CONNECTION::PassiveClose(PFDSETS, PHIERAKI pItem) {
+  SocketClosed();
   if (ActiveClose == 0 && pItem->pObj) pItem->pObj->Ready4Apl(pItem);
   return 0;
 }

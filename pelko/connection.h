@@ -37,6 +37,8 @@ class CONNECTION : public RPCOBJS {
   virtual SI4 WriteSend(PFDSETS fds, PHIERAKI pItem);
   virtual SI4 WriteComplete(PFDSETS fds, PHIERAKI pItem);
   virtual SI4 PassiveClose(PFDSETS fds, PHIERAKI pItem);
+  // The peer's close seen: the socket goes, the state unless taken.
+  void SocketClosed();
 
   SI4 Connect(PHIERAKI root, PCH10 host, PCH10 port, PROTOCOL prot);
   // The name to add a child under: ".Auto%08d" is written at name when it

@@ -112,7 +112,6 @@ SI4 RAWCONNECTION::HeaderComplete(PFDSETS fds, PHIERAKI pItem) {
 
 SI4 RAWCONNECTION::PassiveClose(PFDSETS fds, PHIERAKI) {
   Deliver(fds, pHeader->Offset, SAPLLast);
-  State = SSocketClosed;
-  if (pCon) pCon->CloseSocket();
+  SocketClosed();
   return 0;
 }

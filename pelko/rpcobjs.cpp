@@ -207,6 +207,9 @@ SI4 RPCOBJS::AplWaitInit(PHIERAKI pRootNode) {
   pRoot->pThreadSem->release(1);
   if (!p) return ERR_THREAD_NOT_FOUND;
   pWaiting = p;
+  // Pairs with a connection's hand-over to its successor: the search that
+  // follows sees the successor, or the hand-over sees this semaphore.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
   return 0;
 }
 

@@ -224,7 +224,9 @@ SI4 WEBSOCKET::HeaderRecv(PFDSETS fds, PHIERAKI) {
     // bytes: behind a short frame, the next frame's bytes stand there.
     UI1 opcode = h[0] & 15;
     if (opcode) lastOpcode = opcode;
-    PWSMSG m = new WSMSG(b, n == length ? SAPL : SReceiving);
+    // Still the work thread's when it joins the tree: a host's wait may
+    // look at it at once, and it is ready only once unmasked and checked.
+    PWSMSG m = new WSMSG(b, SReceiving);
     m->Opcode = opcode;
     m->Fin = (h[0] & 0x80) != 0;
     m->Text = lastOpcode == WSText;
@@ -238,7 +240,7 @@ SI4 WEBSOCKET::HeaderRecv(PFDSETS fds, PHIERAKI) {
       delete m;
       return ERR_NAME_IN_USE;
     }
-    if (m->State == SAPL) {
+    if (n == length) {
       SI4 rc = ReadComplete(fds, node);
       if (rc) return rc;
     }

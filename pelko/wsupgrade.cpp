@@ -109,6 +109,12 @@ SI4 DoWebSocketUpgrade(PHIERAKI pItem, PBUFFER pAnswer, PBUFFER pAccept) {
   }
   LOG(1, ("WebSocket upgrade of %.32s", pItem->Name));
   pItem->pObj = ws;
+  // A host thread may have begun its wait on the old object after the new
+  // one took its semaphore over, and searched before the node changed: it
+  // parks on the old object's semaphore, which goes over too. Either that
+  // thread's search sees the new object, or this read sees its semaphore.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (!ws->pWaiting) ws->pWaiting = http->pWaiting.load();
   ws->Ready4Apl(pItem);
   return ERR_WSUPGRADED;
 }

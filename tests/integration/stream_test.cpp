@@ -49,6 +49,22 @@ TEST(Raw, StopListsCutTheStreamInOrder) {
   EXPECT_TRUE(after.rc == 100 || after.rc == 1010) << after.rc << " " << after.event;
 }
 
+// The host takes a peer's last block while the work thread is still
+// closing the connection: however the two meet, the connection ends there,
+// and no "Error" for it reaches a wait on the listener later.
+TEST(Raw, APeersCloseEndsWithTheLastBlockAlone) {
+  Roots r("RawLast");
+  int port = Serve(r.root, "S", "raw", {});
+  for (int i = 0; i < 100; i++) {
+    Tcp peer;
+    std::string conn = Accept(r.root, &peer, port);
+    peer.Close();
+    ASSERT_EQ(Wait(r.root, conn, 3000).event, "BlockLast") << i;
+  }
+  Event after = Wait(r.root, "S", 300);
+  EXPECT_EQ(after.rc, 100) << after.name << " " << after.event;
+}
+
 TEST(Raw, RawGivesIntegersTextGivesCharacters) {
   Roots r("RawTypes");
   Tcp peer;

@@ -177,7 +177,7 @@ TEST(TlsModes, ASilentPeerAndClosedConnectionsHoldUpNothing) {
     Trusting client("TlsSeqC", Certs::Get().Roots());
     ASSERT_EQ(Code(Connect(client.root, "text", port, "localhost", Anonymous())), 0);
     Event e = Wait(server.root, "S", 3000);
-    ASSERT_EQ(e.event, "Connect");
+    ASSERT_EQ(e.event, "Connect") << e.name << " " << e.data.Format();
     cmdtest::Send(client.root, "C", Value::Text("ping\n"));
     EXPECT_EQ(Block(server.root, e.name), "ping\n");
     ASSERT_EQ(Code(cmdtest::Send(server.root, e.name, Value::Text("pong\n"))), 0);

@@ -130,6 +130,20 @@ TEST(WsServer, FramesTheHostReceives) {
   }
 }
 
+// A frame joins the tree before it is unmasked and checked; a wait that
+// looks at it then must not take it, nor take it twice.
+TEST(WsServer, EachFrameReachesTheHostOnce) {
+  Upgraded u("WsOnce");
+  for (int i = 0; i < 300; i++) {
+    std::string text = "m" + std::to_string(i);
+    u.peer.Write(Frame(0x81, text));
+    Event e = u.Next();
+    ASSERT_EQ(e.event, "WSReceive") << i;
+    ASSERT_EQ(e.data[0], Value::Text(text)) << i;
+  }
+  EXPECT_EQ(Wait(u.r.root, u.conn, 200).rc, 100);
+}
+
 TEST(WsServer, FrameBytesTheLibrarySends) {
   Upgraded u("WsSend", {Opt("BufferSize", Value::Int(100000))});
   struct Case {
