@@ -49,6 +49,7 @@ PAA ASendZ(PHIERAKI root, UI4** ppLeft, PAA arg) {
   if (!rc) rc = LeftBlock(ppLeft, &z, &size);
   if (!rc && !root) rc = ERR_ROOT_NOT_FOUND;
   if (rc) return VARc(rc);
+  HOSTINSIDE inside(root);
   PHIERAKI h = root->FindLeaf(name);
   PCH1 sub = name + strlen(name);
   if (!h) {
@@ -185,6 +186,7 @@ PAA ARespondZ(PHIERAKI root, UI4** ppLeft, PAA arg) {
   PUI4 z;
   SI4 rc = SendArgs(arg, name, sizeof(name), &flag, true);
   if (!rc) rc = LeftBlock(ppLeft, &z, &size);
+  HOSTINSIDE inside(root);
   if (!rc) rc = Respond(root, name, z, size, flag);
   if (rc) LOG(1, ("ERROR %d Obj: %s datasize %d complete %d ", rc, name, 0, (int)flag));
   return VARc(rc);

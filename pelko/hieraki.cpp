@@ -314,6 +314,43 @@ SI4 HIERAKI::FullName(char* buf, SI4 max) {
   return r + l;
 }
 
+// Off the parent's ring; the caller holds the parent's write lock.
+void HIERAKI::Unlink() {
+  PHIERAKI pred = pParent->pSub ? pParent->pSub->Loop(IsPredecessor, this) : nullptr;
+  if (!pred) return;
+  if (pred == this) {
+    pParent->pSub = nullptr;
+  } else {
+    pred->pNext = pNext;
+    if (pParent->pSub == this) pParent->pSub = pred;
+  }
+  pNext = this;
+}
+
+// Off the ready list of the server above that holds this node.
+void HIERAKI::CleanUpOne() {
+  if (CleanUpLevel == ENDTYPE || CleanUpCount < 1) return;
+  for (PHIERAKI h = this; h; h = h->pParent) {
+    if (h->pObj && h->pObj->Type == CleanUpLevel) {
+      h->pObj->CleanUp(this);
+      break;
+    }
+  }
+}
+
+PHIERAKI HIERAKI::CleanUpBelow(PHIERAKI h, void*) {
+  h->LoopSub(CleanUpBelow, nullptr);
+  h->CleanUpOne();
+  h->CleanUpCount = 0;
+  return nullptr;
+}
+
+void HIERAKI::Detach() {
+  CleanUpBelow(this, nullptr);
+  if (pParent) Unlink();
+  pParent = nullptr;
+}
+
 HIERAKI::~HIERAKI() {
   LOG(1, ("Deleting: %.32s", Name));
   LockWrite();
@@ -321,28 +358,11 @@ HIERAKI::~HIERAKI() {
   // write lock taken here is the one it relies on.
   while (pSub) delete pSub->pNext;
   ReleaseWrite();
-  if (pParent) {
-    PHIERAKI pred = pParent->pSub ? pParent->pSub->Loop(IsPredecessor, this) : nullptr;
-    if (pred) {
-      if (pred == this) {
-        pParent->pSub = nullptr;
-      } else {
-        pred->pNext = pNext;
-        if (pParent->pSub == this) pParent->pSub = pred;
-      }
-      pNext = this;
-    }
-  } else {
+  if (pParent)
+    Unlink();
+  else
     Remove(this);
-  }
-  if (CleanUpLevel != ENDTYPE && CleanUpCount >= 1) {
-    for (PHIERAKI h = this; h; h = h->pParent) {
-      if (h->pObj && h->pObj->Type == CleanUpLevel) {
-        h->pObj->CleanUp(this);
-        break;
-      }
-    }
-  }
+  CleanUpOne();
   delete pRW.exchange(nullptr);
   delete pObj;
   pObj = nullptr;

@@ -120,6 +120,10 @@ struct HIERAKI {
   SI4 CountChildren();
   PHIERAKI FirstChild();
   PHIERAKI PopChild();
+  // Takes this node off its parent's ring, and it and all below it off
+  // any ready list above: nothing leads to it afterwards, and it can be
+  // freed whole later. The caller holds the parent's write lock.
+  void Detach();
   PHIERAKI SetSub(PHIERAKI p);
   void AddSub(PHIERAKI p);
   PHIERAKI Loop(PFNH fn, void* arg);
@@ -135,6 +139,13 @@ struct HIERAKI {
   void ReleaseRead();
   void LockWrite();
   void ReleaseWrite();
+
+ private:
+  void Unlink();
+  void CleanUpOne();
+  static PHIERAKI CleanUpBelow(PHIERAKI h, void*);
+
+ public:
 
   std::atomic<CMutexRW*> pRW;  // made on first use
   PHIERAKI pNext;

@@ -79,22 +79,6 @@ static TZuno2State IdleState(TDirection d) {
   return d == DIRListen ? Zuno2Listening : d == DIRHttp ? Zuno2HttpSrv : Zuno2Idle;
 }
 
-// Holds the link's tree still for a host thread: the work thread deletes a
-// finished connection under the root's write lock, so a node found by a
-// caller stays valid while it is used.
-class TreeHold {
- public:
-  TreeHold() : root_(fns2.pZunoRoot) {
-    if (root_) root_->LockRead();
-  }
-  ~TreeHold() {
-    if (root_) root_->ReleaseRead();
-  }
-
- private:
-  PHIERAKI root_;
-};
-
 static PHIERAKI Node(const char* name) {
   PHIERAKI root = fns2.pZunoRoot;
   return root ? root->FindLeaf(name) : nullptr;
@@ -116,7 +100,7 @@ static SI4 Zuno2Send(PCH1 data, UI4 length) {
   char name[ZUNO_NAME_ROOM];
   if (!fns2.pZuno2Config || !CurrentName(name)) return ERR_INVALID_OBJECT;
   if (!data && length) return ERR_INVALID_OBJECT;
-  TreeHold hold;
+  HOSTINSIDE inside(fns2.pZunoRoot);
   PHIERAKI h = Node(name);
   PRPCOBJS obj = h ? (PRPCOBJS)h->pObj : nullptr;
   if (!obj) return ERR_INVALID_OBJECT;
@@ -142,7 +126,7 @@ static void SendOffer() {
 static SI4 Zuno2GetBuffer(PVOID item, PCH1* data, PUI4 length) {
   if (data) *data = nullptr;
   if (length) *length = 0;
-  TreeHold hold;
+  HOSTINSIDE inside(fns2.pZunoRoot);
   PHIERAKI h = OwnItem(item);
   if (!h || !data || !length) return 0;
   PRPCOBJS obj = h->pObj;
@@ -157,7 +141,7 @@ static SI4 Zuno2GetBuffer(PVOID item, PCH1* data, PUI4 length) {
 }
 
 static SI4 Zuno2Free(PVOID item) {
-  TreeHold hold;
+  HOSTINSIDE inside(fns2.pZunoRoot);
   PHIERAKI h = OwnItem(item);
   if (!h) return 0;
   PRPCOBJS obj = h->pObj;
@@ -185,7 +169,7 @@ static SI4 Zuno2Free(PVOID item) {
 
 // Closes the node of a name by its own close; false when there is none.
 static bool CloseNode(const char* name) {
-  TreeHold hold;
+  HOSTINSIDE inside(fns2.pZunoRoot);
   PHIERAKI h = Node(name);
   PRPCOBJS obj = h ? (PRPCOBJS)h->pObj : nullptr;
   if (!obj) return false;

@@ -287,6 +287,7 @@ static SI4 StopList(PHIERAKI root, PAA arg, OPENARGS* a) {
 PAA ASrv(PHIERAKI root, PAA arg) {
   OPENARGS a;
   PRANGES allow = nullptr, deny = nullptr;
+  HOSTINSIDE inside(root);
   SI4 rc = ReadOpenArgs(arg, &a);
   if (!rc) rc = GetRanges(arg, COAllowEndpoint, COMAX, PelkoOptionNames, 0, &allow);
   if (!rc) rc = GetRanges(arg, CODenyEndpoint, COMAX, PelkoOptionNames, 0, &deny);
@@ -304,6 +305,7 @@ PAA ASrv(PHIERAKI root, PAA arg) {
 
 PAA AClt(PHIERAKI root, PAA arg) {
   OPENARGS a;
+  HOSTINSIDE inside(root);
   SI4 rc = ReadOpenArgs(arg, &a);
   if (!rc) rc = Client(root, a.name, a.address, a.port, nullptr, a.mode, (UI4)a.size, (UI4)a.magic,
                        a.cert, a.prot);

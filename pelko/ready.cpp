@@ -223,6 +223,7 @@ SI4 WaitZ1(PHIERAKI pRoot, PCH1 Name, SI4 timeout, PCH1 ObjName, PCH1 Event, PUI
   LOG(1, ("WaitZ %s ", Name));
   PROOT root = (PROOT)(PRPCOBJS)pRoot->pObj;
   if (root->lErrorObj) return root->lErrorObj;
+  HOSTINSIDE inside(pRoot);
   F8 start = Micros();
   PFNREADY fn = nullptr;
   PHIERAKI claimed = nullptr;
@@ -267,7 +268,7 @@ SI4 WaitZ1(PHIERAKI pRoot, PCH1 Name, SI4 timeout, PCH1 ObjName, PCH1 Event, PUI
       SI4 wait = timeout == -1
                      ? WAIT_DEFAULT_MS
                      : timeout - (SI4)std::floor((Micros() - start) / 1000.0);
-      rc = o->AplWait((UI4)(wait < 0 ? 0 : wait));
+      rc = o->AplWait((UI4)(wait < 0 ? 0 : wait), &inside);
       if (rc == 0) continue;
     }
     if (root->EventMode > 0 && rc == WAIT_TIMEOUT_RC) {

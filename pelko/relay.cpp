@@ -125,6 +125,7 @@ SI4 SetRelay(PHIERAKI pRoot, PCH10 pFromName, PCH10 pToName, UI4 BlockSize, SI4 
 
 PAA ASetRelay(PHIERAKI root, PAA arg) {
   if (!root) return VARc(ERR_ROOT_NOT_FOUND);
+  HOSTINSIDE inside(root);
   if (!arg) return VARc(ERR_ARG_MISSING);
   PCH1 from = nullptr, to = nullptr;
   SI4 size = RELAY_BLOCKSIZE, oneWay = 0;

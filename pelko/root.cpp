@@ -100,10 +100,11 @@ ROOT::ROOT()
       DefProt(PAny), EventMode(0), NameCnt(0), pid(0), UseFnsReady(0), pfnsReady(),
       pTalThread(nullptr), LastChecked(time(nullptr)), WakePending(false), pCertRootDir(nullptr),
       pRootCerts(new RootCerts()), pThreadSem(new TALSEMA(1, 1)), pThreadList(nullptr),
-      pClientSessionDB(nullptr) {}
+      pClientSessionDB(nullptr), HostsInside(0), GravesWaiting(false) {}
 
 ROOT::~ROOT() {
   LOG(1, ("Deleting Root"));
+  FreeGraves(true);
   delete pClt;
   pClt = nullptr;
   delete pWork;
@@ -199,6 +200,41 @@ void ROOT::WaitComClose() {
   }
   while (!pTalThread->Ended && sleeps++ < 100) TALSleep(10000.0);
   LOG(1, ("WaitComClose %d", rc));
+}
+
+// The node is off the tree already. A host thread that entered before
+// may hold it; one that enters after can't find it. The fence orders the
+// unlinking before the count is read, as entering orders the count before
+// the search.
+void ROOT::Bury(PHIERAKI h) {
+  Graves.push_back(h);
+  GravesWaiting = true;
+  FreeGraves(false);
+}
+
+void ROOT::FreeGraves(bool force) {
+  if (Graves.empty()) return;
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (!force && HostsInside.load() > 0) return;
+  GravesWaiting = false;
+  // In the order buried: a node's children went before it.
+  for (PHIERAKI h : Graves) delete h;
+  Graves.clear();
+}
+
+HOSTINSIDE::HOSTINSIDE(PHIERAKI root) : pRoot(RootObj(root)), in(false) { Enter(); }
+
+void HOSTINSIDE::Enter() {
+  if (in || !pRoot) return;
+  pRoot->HostsInside.fetch_add(1);
+  in = true;
+}
+
+// The last one out wakes the work thread when nodes wait to be freed.
+void HOSTINSIDE::Leave() {
+  if (!in) return;
+  in = false;
+  if (pRoot->HostsInside.fetch_sub(1) == 1 && pRoot->GravesWaiting) pRoot->Dirty();
 }
 
 SOCKET ROOT::GetSocket(SI4 which) {

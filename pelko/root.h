@@ -6,6 +6,8 @@
 #include <ctime>
 #include <sys/types.h>
 
+#include <vector>
+
 #include "rpcobjs.h"
 #include "socket.h"
 
@@ -54,11 +56,39 @@ class ROOT : public RPCOBJS {
   PTALSEMA pThreadSem;
   PTHREADSEM pThreadList;
   SessionCache2* pClientSessionDB;  // made with the first TLS client
+  // Host threads inside a verb of this root. A node the work thread takes
+  // out of the tree while one is inside may still be in that thread's
+  // hands: it waits in Graves, the work thread's alone, until none is.
+  std::atomic<SI4> HostsInside;
+  std::atomic<bool> GravesWaiting;
+  std::vector<PHIERAKI> Graves;
+
+  // Frees a node taken out of the tree, now or once no host is inside.
+  void Bury(PHIERAKI h);
+  // Frees what waits, unless a host is inside; force frees it all.
+  void FreeGraves(bool force);
 
  private:
   SI4 SendWord(UI4 word);
 };
 typedef ROOT* PROOT;
+
+// A host thread inside a verb of a root for this object's life: nothing
+// it finds in the tree is freed under it. A long wait steps out, and finds
+// its nodes again after.
+class HOSTINSIDE {
+ public:
+  explicit HOSTINSIDE(PHIERAKI root);
+  ~HOSTINSIDE() { Leave(); }
+  HOSTINSIDE(const HOSTINSIDE&) = delete;
+  HOSTINSIDE& operator=(const HOSTINSIDE&) = delete;
+  void Enter();
+  void Leave();
+
+ private:
+  ROOT* pRoot;
+  bool in;
+};
 
 extern PHIERAKI pRoots;
 

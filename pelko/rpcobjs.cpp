@@ -213,10 +213,13 @@ SI4 RPCOBJS::AplWaitInit(PHIERAKI pRootNode) {
   return 0;
 }
 
-SI4 RPCOBJS::AplWait(UI4 ms) {
+SI4 RPCOBJS::AplWait(UI4 ms, HOSTINSIDE* inside) {
   PTHREADSEM p = pWaiting;
   if (!p) return ERR_WAIT_SEM;
-  switch (p->WaitSem(ms)) {
+  if (inside) inside->Leave();
+  SEMRETURN r = p->WaitSem(ms);
+  if (inside) inside->Enter();
+  switch (r) {
     case SemReleased: return 0;
     case SemTimeout: return WAIT_TIMEOUT_RC;
     default: return ERR_WAIT_SEM;

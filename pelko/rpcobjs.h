@@ -101,7 +101,9 @@ class RPCOBJS {
   virtual SI4 Execute(PFDSETS fds);
 
   SI4 Ready4Apl(PHIERAKI pItem);
-  SI4 AplWait(UI4 ms);
+  // With inside, the caller steps out of the tree for the sleep: this
+  // object may be freed meanwhile, and is not touched after.
+  SI4 AplWait(UI4 ms, class HOSTINSIDE* inside = nullptr);
   SI4 AplWaitInit(PHIERAKI pRootNode);
   SI4 AplWaitClear();
 

@@ -21,6 +21,7 @@ static SI4 Close(PHIERAKI root, const char* name) {
   if (!root) return ERR_ROOT_NOT_FOUND;
   if (!*name) return ERR_OBJECT_NOT_FOUND;
   if (name[0] == '.') return strcmp(name, ".") == 0 ? RPCUnload(root) : ERR_OBJECT_NOT_FOUND;
+  HOSTINSIDE inside(root);
   PHIERAKI h = root->FindLeaf(name);
   if (!h || !h->pObj) return ERR_OBJECT_NOT_FOUND;
   LOG(1, ("Close object %s", name));
@@ -123,6 +124,7 @@ PAA ATree(PHIERAKI root, PAA arg) {
   if (!root) return VARc(ERR_ROOT_NOT_FOUND);
   SI4 rc = VAGetCH1(arg, 0, name, sizeof(name), VACHAR);
   if (rc) return VARc(rc);
+  HOSTINSIDE inside(root);
   PHIERAKI h = !*name || name[0] == '.' ? root : root->FindLeaf(name);
   if (!h) return VARc(ERR_OBJECT_NOT_FOUND);
   Checktree(root, nullptr);
@@ -147,6 +149,7 @@ PAA ASetProp(PHIERAKI root, PAA arg) {
   SI4 rc = PropArgs(arg, name, prop);
   if (!rc) rc = VAGetpAA(arg, 2, &value);
   if (rc) return VARc(rc);
+  HOSTINSIDE inside(root);
   PHIERAKI h = root->FindLeaf(name);
   rc = h && h->pObj ? h->pObj->SetRPCProp(root, prop, value) : ERR_OBJECT_NOT_FOUND;
   VAFree(value);
@@ -158,6 +161,7 @@ PAA AGetProp(PHIERAKI root, PAA arg) {
   if (!root) return VARc(ERR_ROOT_NOT_FOUND);
   SI4 rc = PropArgs(arg, name, prop);
   if (rc) return VARc(rc);
+  HOSTINSIDE inside(root);
   PHIERAKI h = root->FindLeaf(name);
   OBJSTATE s = h && h->pObj ? h->pObj->State.load() : SMarkedForDeletion;
   if (s == SFinished || s == SMarkedForDeletion) return VARc(ERR_OBJECT_NOT_FOUND);

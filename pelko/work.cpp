@@ -17,19 +17,21 @@ PHIERAKI FindState(PHIERAKI h, void*) {
   return h && h->pObj && h->pObj->State == SMarkedForDeletion ? h : nullptr;
 }
 
-// Deletes marked children of h while the round still owes deletions. The
-// search and the delete share one write lock, so no host thread can pop
-// or add a child in between.
+// Takes marked children of h out of the tree while the round still owes
+// deletions. The search and the unlinking share one write lock, so no host
+// thread can pop or add a child in between; a host thread may still hold
+// the node it found before, so the root frees it once none is inside.
 static void DeleteMarked(PHIERAKI h, PFDSETS fds) {
   while (fds->cntFinished) {
     h->LockWrite();
     PHIERAKI d = h->pSub ? h->pSub->Loop(FindState, nullptr) : nullptr;
     if (d) {
-      delete d;
+      d->Detach();
       fds->cntFinished--;
     }
     h->ReleaseWrite();
     if (!d) break;
+    fds->pRoot->Bury(d);
   }
 }
 
@@ -103,6 +105,8 @@ SI4 WorkThread(PHIERAKI root) {
   for (;;) {
     LOG(5, ("Work thread activated"));
     NewRound(&fds);
+    fds.pRoot = pRoot;
+    pRoot->FreeGraves(false);
     // From here on a host's change is seen by this round's walks, or its
     // wake-up word starts another round.
     pRoot->WakePending = false;

@@ -10,6 +10,7 @@
 struct FDSETS {
   SOCKETSETS ss;
   SI4 lError;
+  class ROOT* pRoot;  // the root whose round this is
   PHIERAKI pItem;  // node of the object being called
   PBUFFER pRead;
   PBUFFER pWrite;

@@ -134,7 +134,7 @@ TEST(Serve, RequestsOfEveryShapeGetAnAnswer) {
     Tcp t = Tcp::To(s.port());
     ASSERT_TRUE(t.Write(c.request));
     std::string got = t.Read(1 << 16, 1000);
-    EXPECT_EQ(got.substr(0, got.find("\r\n")), c.status) << got;
+    EXPECT_EQ(got.substr(0, got.find("\r\n")), c.status) << got << "\nserve's log:\n" << s.ReadUntil("\x01", 100);
     EXPECT_NE(got.find(std::string("\r\n") + c.line + "\r\n"), std::string::npos) << got;
     EXPECT_EQ(t.Closed(500), c.closes) << got;
   }
