@@ -209,6 +209,20 @@ TEST(Command, Timeouts) {
   Lib().Call(r, "AClose", Value::Text("."));
 }
 
+// Requests that have arrived whole under the server S, as its tree shows
+// them: the children of its connections that wait for the host (SAPL).
+size_t Arrived(const std::string& srv) {
+  host::CallResult r = Lib().Call(srv, "ATree", Value::Text("S"));
+  if (!r.result.isNested()) return 0;
+  const Value& conns = r.result[1][1];
+  size_t n = 0;
+  for (uint64_t i = 0; conns.isNested() && i < conns.count(); i++) {
+    const Value& cmds = conns[i][1];
+    for (uint64_t j = 0; cmds.isNested() && j < cmds.count(); j++) n += cmds[j][0][2].intAt(0) == 5;
+  }
+  return n;
+}
+
 // Connections CON0 and CON1 of one server, each with the requests named
 // in sent; gives the order in which the server's waits hand them over.
 std::vector<std::string> WaitOrder(int strategy, const std::vector<std::vector<std::string>>& sent) {
@@ -222,15 +236,16 @@ std::vector<std::string> WaitOrder(int strategy, const std::vector<std::vector<s
     EXPECT_EQ(Wait(srv, "", 2000).event, "Connect");
     total += sent[c].size();
   }
-  // Sent last connection first, so that time and ring order differ.
+  // Sent last connection first, so that time and ring order differ; each
+  // arrives before the next is sent, so their ages are in sending order.
+  size_t count = 0;
   for (size_t c = sent.size(); c-- > 0;) {
     for (const std::string& name : sent[c]) {
       EXPECT_EQ(Code(Send(clt, "K" + std::to_string(c) + "." + name, Value::Text(name))), 0);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      count++;
+      for (int i = 0; i < 400 && Arrived(srv) < count; i++) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   }
-  // Everything has arrived once the tree shows every request complete.
-  std::this_thread::sleep_for(std::chrono::milliseconds(150));
   std::vector<std::string> order;
   for (size_t i = 0; i < total; i++) {
     Event e = Wait(srv, "", 1000);
