@@ -17,8 +17,9 @@
 
 #define MODULE 0x00000080
 
-// Every block of a buffer comes from BigAlloc, so a BLOCKBUFFER's can go
-// to the host, which frees it with free().
+// Every block of a buffer comes from BigAlloc and goes back by BigFree,
+// so a BLOCKBUFFER's can go to the host, which gives it back through
+// FreeUsedOrvaneResult.
 static PCH1 Block(UI4 size) {
   PCH1 p = (PCH1)BigAlloc(size);
   if (!p) throw std::bad_alloc();
@@ -59,7 +60,7 @@ PCH1 BLOCKBUFFER::Release() {
 }
 
 BUFFER::~BUFFER() {
-  free(pBuf);
+  BigFree(pBuf);
   pBuf = nullptr;
 }
 
@@ -91,7 +92,7 @@ UI4 BUFFER::Resize(UI4 n) {
   if (n >= Size) {
     PCH1 p = Block(n);
     if (Size) memcpy(p, pBuf, Size);
-    free(pBuf);
+    BigFree(pBuf);
     pBuf = p;
     Alloc = n;
   }

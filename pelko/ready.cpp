@@ -11,6 +11,7 @@
 #include "pelkoerr.h"
 #include "root.h"
 #include "server.h"
+#include "talplat.h"
 #include "verbresult.h"
 #include "verbs.h"
 
@@ -305,7 +306,7 @@ PAA AWaitZ(PHIERAKI pRoot, UI4** ppLeft, PAA arg) {
   }
   if (!payload) payload = ScalarZ(0);
   if (ppLeft) *ppLeft = payload;
-  else free(payload);
+  else BigFree(payload);
   if (rc) return VARc(rc);
   return r ? r : VARc(ERR_MEMORY_ALLOC);
 }

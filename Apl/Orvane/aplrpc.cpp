@@ -65,6 +65,7 @@ void onLoad() {
 void onUnload() {
   Zuno2Unload();
   while (pRoots) RPCUnload(pRoots->pNext);
+  BigRelease();
   if (pSem) {
     delete pSem;
     pSem = nullptr;
@@ -226,7 +227,7 @@ SI4 Call2(char* rootname, char* pName, UI4** ppRight, UI4** ppLeft) {
   return Call(rootname, pName, ppRight, ppLeft);
 }
 
-void FreeUsedOrvaneResult(void* p) { free(p); }
+void FreeUsedOrvaneResult(void* p) { BigFree(p); }
 
 SI4 KickStart(char* rootname) {
   PHIERAKI pRoot = Root(rootname);

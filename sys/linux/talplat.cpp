@@ -9,7 +9,10 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <malloc.h>
+
 #include <atomic>
+#include <mutex>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -262,11 +265,73 @@ pid_t CurrentPid() {
 // the copy of the bytes.
 #define HUGE_BLOCK (2u << 20)
 
+// A bulk transfer that repeats takes a fresh block each time, and a fresh
+// block's pages are cleared by the system on their first touch: as costly
+// as copying the bytes. So the last few large blocks given back are kept,
+// and a block that fits, without wasting more than half of it, is handed
+// out again with its pages in place. The system may still take the pages
+// of a kept block when it runs short (MADV_FREE); they come back cleared.
+#define KEPT_BLOCKS 2
+#define KEPT_MAX (256u << 20)
+
+namespace {
+struct Kept {
+  void* p;
+  size_t size;
+};
+std::mutex keptLock;
+Kept kept[KEPT_BLOCKS];
+}  // namespace
+
+static void* TakeKept(size_t n) {
+  std::lock_guard<std::mutex> g(keptLock);
+  for (Kept& k : kept) {
+    if (!k.p || k.size < n || k.size / 2 > n) continue;
+    void* p = k.p;
+    k = Kept{nullptr, 0};
+    return p;
+  }
+  return nullptr;
+}
+
 void* BigAlloc(size_t n) {
   if (n == 0) n = 1;
   if (n < HUGE_BLOCK) return malloc(n);
-  void* p = nullptr;
+  void* p = TakeKept(n);
+  if (p) return p;
   if (posix_memalign(&p, HUGE_BLOCK, n) != 0) return nullptr;
   madvise(p, n, MADV_HUGEPAGE);
   return p;
+}
+
+void BigFree(void* p) {
+  size_t size = p ? malloc_usable_size(p) : 0;
+  if (size < HUGE_BLOCK || size > KEPT_MAX || ((uintptr_t)p & (HUGE_BLOCK - 1)) != 0) {
+    free(p);
+    return;
+  }
+  madvise(p, size, MADV_FREE);
+  void* out = p;
+  {
+    std::lock_guard<std::mutex> g(keptLock);
+    // An empty place, else the smallest kept block gives way.
+    Kept* slot = &kept[0];
+    for (Kept& k : kept) {
+      if (!k.p || k.size < slot->size) slot = &k;
+      if (!k.p) break;
+    }
+    if (!slot->p || slot->size < size) {
+      out = slot->p;
+      *slot = Kept{p, size};
+    }
+  }
+  free(out);
+}
+
+void BigRelease() {
+  std::lock_guard<std::mutex> g(keptLock);
+  for (Kept& k : kept) {
+    free(k.p);
+    k = Kept{nullptr, 0};
+  }
 }

@@ -71,9 +71,13 @@ typedef TALSEMATO* PTALSEMATO;
 // Wall clock in microseconds; the library's one clock. Exported.
 PELKO_EXPORT F8 Micros();
 void TALSleep(F8 micros);
-// Memory for a block of any size, freed with free(); null when there is
-// none. Large blocks are placed for huge pages.
+// Memory for a block of any size, given back with BigFree (or free());
+// null when there is none. Large blocks are placed for huge pages.
 void* BigAlloc(size_t n);
+// Gives a block back. A few large ones are kept for the next BigAlloc
+// they fit, their pages still mapped; BigRelease lets them go.
+void BigFree(void* p);
+void BigRelease();
 // getpid(), without a system call once the first call has run.
 pid_t CurrentPid();
 void InitTimer();

@@ -126,6 +126,30 @@ TEST(TalPlat, VersionBannerAndSocketHook) {
   EXPECT_EQ(p, nullptr);
 }
 
+// Large blocks given back are kept for a later request they fit without
+// wasting half; small ones and misfits take fresh memory, and a kept block
+// is handed out once.
+TEST(TalBig, KeptBlocksFitTheirRequests) {
+  const size_t mb = 1u << 20;
+  BigRelease();
+  void* a = BigAlloc(8 * mb);
+  ASSERT_NE(a, nullptr);
+  EXPECT_EQ((uintptr_t)a % (2 * mb), 0u);
+  memset(a, 1, 8 * mb);
+  BigFree(a);
+  void* small = BigAlloc(3 * mb);  // would waste more than half of it
+  EXPECT_NE(small, a);
+  void* big = BigAlloc(9 * mb);  // more than it holds
+  EXPECT_NE(big, a);
+  void* fit = BigAlloc(5 * mb);
+  EXPECT_EQ(fit, a);
+  memset(fit, 2, 5 * mb);
+  void* again = BigAlloc(5 * mb);  // taken already
+  EXPECT_NE(again, a);
+  for (void* p : {small, big, fit, again, (void*)nullptr}) BigFree(p);
+  BigRelease();
+}
+
 TEST(TalLib, MissingLibraryLeavesErrorText) {
   char error[1024];
   TALLIB lib(0, (PCH1) "libpelko-no-such-library.so", error);
