@@ -79,6 +79,26 @@ static TZuno2State IdleState(TDirection d) {
   return d == DIRListen ? Zuno2Listening : d == DIRHttp ? Zuno2HttpSrv : Zuno2Idle;
 }
 
+// Holds the link's tree still for a host thread. The root's read lock
+// keeps Zuno2Enable(0) from taking the tree down under the caller, and
+// being inside the root keeps the work thread from freeing a node the
+// caller found. The mark goes before the lock: once the lock is free, the
+// root may be gone.
+class TreeHold {
+ public:
+  TreeHold() : root_(fns2.pZunoRoot), inside_(root_) {
+    if (root_) root_->LockRead();
+  }
+  ~TreeHold() {
+    inside_.Leave();
+    if (root_) root_->ReleaseRead();
+  }
+
+ private:
+  PHIERAKI root_;
+  HOSTINSIDE inside_;
+};
+
 static PHIERAKI Node(const char* name) {
   PHIERAKI root = fns2.pZunoRoot;
   return root ? root->FindLeaf(name) : nullptr;
@@ -100,7 +120,7 @@ static SI4 Zuno2Send(PCH1 data, UI4 length) {
   char name[ZUNO_NAME_ROOM];
   if (!fns2.pZuno2Config || !CurrentName(name)) return ERR_INVALID_OBJECT;
   if (!data && length) return ERR_INVALID_OBJECT;
-  HOSTINSIDE inside(fns2.pZunoRoot);
+  TreeHold hold;
   PHIERAKI h = Node(name);
   PRPCOBJS obj = h ? (PRPCOBJS)h->pObj : nullptr;
   if (!obj) return ERR_INVALID_OBJECT;
@@ -126,7 +146,7 @@ static void SendOffer() {
 static SI4 Zuno2GetBuffer(PVOID item, PCH1* data, PUI4 length) {
   if (data) *data = nullptr;
   if (length) *length = 0;
-  HOSTINSIDE inside(fns2.pZunoRoot);
+  TreeHold hold;
   PHIERAKI h = OwnItem(item);
   if (!h || !data || !length) return 0;
   PRPCOBJS obj = h->pObj;
@@ -141,7 +161,7 @@ static SI4 Zuno2GetBuffer(PVOID item, PCH1* data, PUI4 length) {
 }
 
 static SI4 Zuno2Free(PVOID item) {
-  HOSTINSIDE inside(fns2.pZunoRoot);
+  TreeHold hold;
   PHIERAKI h = OwnItem(item);
   if (!h) return 0;
   PRPCOBJS obj = h->pObj;
@@ -169,7 +189,7 @@ static SI4 Zuno2Free(PVOID item) {
 
 // Closes the node of a name by its own close; false when there is none.
 static bool CloseNode(const char* name) {
-  HOSTINSIDE inside(fns2.pZunoRoot);
+  TreeHold hold;
   PHIERAKI h = Node(name);
   PRPCOBJS obj = h ? (PRPCOBJS)h->pObj : nullptr;
   if (!obj) return false;
