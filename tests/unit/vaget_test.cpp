@@ -17,12 +17,17 @@ namespace {
 
 PAA HetVector(UI4 n) { return VANewVector(VAHet, n); }
 
-// Element i reads as the integer want, both as an integer and as a double.
-void ExpectInteger(PAA p, UI4 i, SI4 want) {
+// Element i reads as the 32-bit integer want.
+void ExpectSI4(PAA p, UI4 i, SI4 want) {
   SI4 v = 0;
-  F8 d = 0;
   EXPECT_EQ(VAGetSI4(p, i, &v), 0) << i;
   EXPECT_EQ(v, want) << i;
+}
+
+// Element i reads as the integer want, both as an integer and as a double.
+void ExpectInteger(PAA p, UI4 i, SI4 want) {
+  ExpectSI4(p, i, want);
+  F8 d = 0;
   EXPECT_EQ(VAGetF8(p, i, &d), 0) << i;
   EXPECT_EQ(d, (F8)want) << i;
 }
@@ -33,20 +38,16 @@ TEST(VAGet, SI4FromEveryNumericType) {
   SI4 v = 99;
   PAA bits = VANewVector(VABit, 10);
   ((UI1*)VADATA(bits))[1] = 0x40;  // element 9
-  EXPECT_EQ(VAGetSI4(bits, 9, &v), 0);
-  EXPECT_EQ(v, 1);
-  EXPECT_EQ(VAGetSI4(bits, 8, &v), 0);
-  EXPECT_EQ(v, 0);
+  ExpectSI4(bits, 9, 1);
+  ExpectSI4(bits, 8, 0);
   EXPECT_EQ(VAGetSI4(bits, 10, &v), ERR_APL_LENGTH);
   bits = VAFree(bits);
 
   PAA i1 = Vector<SI1>(VAI1, {-5, 7});
-  EXPECT_EQ(VAGetSI4(i1, 0, &v), 0);
-  EXPECT_EQ(v, -5);
+  ExpectSI4(i1, 0, -5);
   i1 = VAFree(i1);
   PAA i2 = Vector<SI2>(VAI2, {-300});
-  EXPECT_EQ(VAGetSI4(i2, 0, &v), 0);
-  EXPECT_EQ(v, -300);
+  ExpectSI4(i2, 0, -300);
   i2 = VAFree(i2);
 
   // A progression wraps in 32 bits.
@@ -54,17 +55,14 @@ TEST(VAGet, SI4FromEveryNumericType) {
   PAA apv = VANew(VAApvI4, 1, &n);
   SI4 ss[2] = {2147483647, 1};
   memcpy(VADATA(apv), ss, 8);
-  EXPECT_EQ(VAGetSI4(apv, 1, &v), 0);
-  EXPECT_EQ(v, INT32_MIN);
+  ExpectSI4(apv, 1, INT32_MIN);
   apv = VAFree(apv);
 
   PAA f = Vector<F8>(VAF8, {2.5, 2.0, 3000000000.0, NAN, INFINITY, -0.0});
   EXPECT_EQ(VAGetSI4(f, 0, &v), ERR_APL_DOMAIN);
   EXPECT_EQ(v, 0);  // cleared on failure
-  EXPECT_EQ(VAGetSI4(f, 1, &v), 0);
-  EXPECT_EQ(v, 2);
-  EXPECT_EQ(VAGetSI4(f, 2, &v), 0);  // 64-bit bounds, 32-bit store
-  EXPECT_EQ(v, INT32_MIN);
+  ExpectSI4(f, 1, 2);
+  ExpectSI4(f, 2, INT32_MIN);  // 64-bit bounds, 32-bit store
   EXPECT_EQ(VAGetSI4(f, 3, &v), ERR_APL_DOMAIN);
   EXPECT_EQ(VAGetSI4(f, 4, &v), ERR_APL_DOMAIN);
   EXPECT_EQ(VAGetSI4(f, 5, &v), 0);
@@ -73,8 +71,7 @@ TEST(VAGet, SI4FromEveryNumericType) {
   PAA fapv = VANew(VAApvF8, 1, &n);
   F8 fs[2] = {1.0, 0.5};
   memcpy(VADATA(fapv), fs, 16);
-  EXPECT_EQ(VAGetSI4(fapv, 2, &v), 0);
-  EXPECT_EQ(v, 2);
+  ExpectSI4(fapv, 2, 2);
   EXPECT_EQ(VAGetSI4(fapv, 1, &v), ERR_APL_DOMAIN);
   F8 d;
   EXPECT_EQ(VAGetF8(fapv, 3, &d), 0);
@@ -86,8 +83,7 @@ TEST(VAGet, SI4FromEveryNumericType) {
   F8 cv[4] = {2.0, 1.0, 3.0, 0.0};
   memcpy(VADATA(cx), cv, 32);
   EXPECT_EQ(VAGetSI4(cx, 0, &v), ERR_APL_DOMAIN);
-  EXPECT_EQ(VAGetSI4(cx, 1, &v), 0);
-  EXPECT_EQ(v, 3);
+  ExpectSI4(cx, 1, 3);
   EXPECT_EQ(VAGetF8(cx, 0, &d), ERR_APL_DOMAIN);
   EXPECT_EQ(VAGetF8(cx, 1, &d), 0);
   EXPECT_EQ(d, 3.0);
@@ -134,8 +130,7 @@ TEST(VAGet, ThroughPointersAndCells) {
   EXPECT_EQ(VAGetSI4(het, 4, &v), ERR_APL_DOMAIN);
   EXPECT_EQ(VAGetF8(het, 4, &d), 0);
   EXPECT_EQ(d, 4.5);
-  EXPECT_EQ(VAGetSI4(het, 5, &v), 0);
-  EXPECT_EQ(v, 11);
+  ExpectSI4(het, 5, 11);
   EXPECT_EQ(VAGetSI4(het, 6, &v), ERR_APL_DOMAIN);
   EXPECT_EQ(VAGetF8(het, 6, &d), ERR_APL_DOMAIN);
   het = VAFree(het);
@@ -364,8 +359,7 @@ TEST(VASet, Numbers) {
   PAA empty = VANewVector(VAPntr, 0);
   EXPECT_EQ(VASetSI4(empty, 0, 8), 0);
   SI4 v;
-  EXPECT_EQ(VAGetSI4(empty, 0, &v), 0);
-  EXPECT_EQ(v, 8);
+  ExpectSI4(empty, 0, 8);
   empty = VAFree(empty);
 
   // Cells take the tag of what is stored; decimals hold both exactly.
@@ -378,8 +372,7 @@ TEST(VASet, Numbers) {
       EXPECT_EQ(VAHetType(p, 1), VAF8);
     }
     F8 d;
-    EXPECT_EQ(VAGetSI4(p, 0, &v), 0);
-    EXPECT_EQ(v, 12);
+    ExpectSI4(p, 0, 12);
     EXPECT_EQ(VAGetSI4(p, 1, &v), ERR_APL_DOMAIN) << t;
     EXPECT_EQ(VAGetF8(p, 1, &d), 0);
     EXPECT_EQ(d, 0.75);
