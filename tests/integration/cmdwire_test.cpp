@@ -1,74 +1,19 @@
-// Command mode on the wire, against a plain socket peer written here: the
+// Command mode on the wire, against a plain socket peer: the
 // exact bytes of the header both ways, and what a misbehaving peer gets.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
 
-#include "cmdpeer.h"
 #include "host/zblock.h"
+#include "streampeer.h"
 
 namespace {
 
 using namespace cmdtest;
-
-class Peer {
- public:
-  explicit Peer(int fd) : fd_(fd) {}
-  static Peer To(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_port = htons((uint16_t)port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(connect(fd, (sockaddr*)&a, sizeof a), 0);
-    return Peer(fd);
-  }
-  Peer(Peer&& o) : fd_(o.fd_) { o.fd_ = -1; }
-  ~Peer() {
-    if (fd_ >= 0) close(fd_);
-  }
-  void Write(const std::string& bytes) { ASSERT_EQ(write(fd_, bytes.data(), bytes.size()), (ssize_t)bytes.size()); }
-  // Exactly n bytes, or what came within two seconds.
-  std::string Read(size_t n) {
-    std::string s;
-    char buf[65536];
-    while (s.size() < n) {
-      pollfd p = {fd_, POLLIN, 0};
-      if (poll(&p, 1, 2000) != 1) break;
-      ssize_t r = read(fd_, buf, std::min(sizeof buf, n - s.size()));
-      if (r <= 0) break;
-      s.append(buf, (size_t)r);
-    }
-    return s;
-  }
-
- private:
-  int fd_;
-};
-
-// A loopback listener for the library's client to connect to.
-struct Listener {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  int port = 0;
-  Listener() {
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(bind(fd, (sockaddr*)&a, sizeof a), 0);
-    EXPECT_EQ(listen(fd, 4), 0);
-    socklen_t len = sizeof a;
-    getsockname(fd, (sockaddr*)&a, &len);
-    port = ntohs(a.sin_port);
-  }
-  ~Listener() { close(fd); }
-  Peer Accept() { return Peer(accept(fd, nullptr, nullptr)); }
-};
+using streamtest::Listener;
+using Peer = streamtest::Tcp;
 
 void ExpectHeader(const std::string& h, uint32_t length, uint32_t type, const std::string& name,
                   const std::string& sub) {
@@ -89,7 +34,7 @@ TEST(CommandWire, ToTheServerAndBack) {
   ASSERT_EQ(c.event, "Connect");
 
   Value v = Value::Nested({Value::Text("wire"), Value::Ints({1, 2, 3})});
-  peer.Write(Message(1, "wire", "", Payload(v)));
+  ASSERT_TRUE(peer.Write(Message(1, "wire", "", Payload(v))));
   Event e = Wait(srv, "", 2000);
   EXPECT_EQ(e.event, "Receive");
   EXPECT_EQ(e.name, c.name + ".wire");
@@ -113,8 +58,9 @@ TEST(CommandWire, ToTheServerAndBack) {
 TEST(CommandWire, FromTheClient) {
   std::string clt = pelkotest::NewRoot("WIREC");
   Listener l;
-  ASSERT_EQ(Code(Connect(clt, "C", l.port)), 0);
+  ASSERT_EQ(Code(Connect(clt, "C", l.port())), 0);
   Peer peer = l.Accept();
+  ASSERT_GE(peer.fd(), 0);
   std::string z = Payload(Value::Ints({7, 8}));
   ASSERT_EQ(Code(Send(clt, "C.abc", Value::Ints({7, 8}))), 0);
   std::string got = peer.Read(115 + z.size());
@@ -130,12 +76,12 @@ TEST(CommandWire, FromTheClient) {
   ASSERT_EQ(Code(Send(clt, "C." + longName, Value::Int(1))), 0);
   got = peer.Read(115 + Payload(Value::Int(1)).size());
   ExpectHeader(got, (uint32_t)(115 + Payload(Value::Int(1)).size()), 1, longName.substr(0, 32), "");
-  peer.Write(Message(2, longName.substr(0, 32), "Progress00000007", Payload(Value::Text("half"))));
+  ASSERT_TRUE(peer.Write(Message(2, longName.substr(0, 32), "Progress00000007", Payload(Value::Text("half")))));
   Event e = Wait(clt, "", 2000);
   EXPECT_EQ(e.event, "Progress");
   EXPECT_EQ(e.name, "C." + longName.substr(0, 32) + ".Progress00000007");
   EXPECT_EQ(e.data, Value::Text("half"));
-  peer.Write(Message(3, longName.substr(0, 32), "", Payload(Value::Text("yes"))));
+  ASSERT_TRUE(peer.Write(Message(3, longName.substr(0, 32), "", Payload(Value::Text("yes")))));
   e = Wait(clt, "", 2000);
   EXPECT_EQ(e.event, "Receive");
   EXPECT_EQ(e.name, "C." + longName.substr(0, 32));
@@ -151,7 +97,7 @@ int32_t Refusal(const std::string& srv, int port, const std::vector<std::string>
   Event c = Wait(srv, "", 2000);
   EXPECT_EQ(c.event, "Connect");
   for (const std::string& w : writes) {
-    peer.Write(w);
+    EXPECT_TRUE(peer.Write(w));
     usleep(20000);
   }
   if (thenClose) Peer gone(std::move(peer));

@@ -11,6 +11,7 @@
 #include "harness.h"
 #include "host/link.h"
 #include "servepeer.h"
+#include "streampeer.h"
 #include "tlscerts.h"
 
 namespace {
@@ -34,46 +35,13 @@ struct Dir {
 std::string Loop(int port) { return "127.0.0.1:" + std::to_string(port); }
 
 // A raw TCP peer of the link, with every read bounded.
-class Peer {
- public:
-  explicit Peer(int port) {
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_port = htons((uint16_t)port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd_, (sockaddr*)&a, sizeof a) != 0) {
-      close(fd_);
-      fd_ = -1;
-    }
-  }
-  ~Peer() {
-    if (fd_ >= 0) close(fd_);
-  }
-  bool ok() const { return fd_ >= 0; }
-  void Send(const std::string& text, uint32_t magic = 0x5A554E4F) {
-    std::string b = Word((uint32_t)text.size() + 8) + Word(magic) + text;
-    ASSERT_EQ(send(fd_, b.data(), b.size(), 0), (ssize_t)b.size());
-  }
+struct Peer : streamtest::Tcp {
+  explicit Peer(int port) : Tcp(Tcp::To(port)) {}
+  bool ok() const { return fd() >= 0; }
+  void Send(const std::string& text, uint32_t magic = 0x5A554E4F) { ASSERT_TRUE(Write(Block(text, magic))); }
   // n bytes, or fewer when the link closes or 5 seconds pass.
-  std::string Read(size_t n) {
-    std::string out;
-    while (out.size() < n) {
-      pollfd p = {fd_, POLLIN, 0};
-      if (poll(&p, 1, 5000) != 1) break;
-      char buf[4096];
-      ssize_t r = recv(fd_, buf, std::min(sizeof buf, n - out.size()), 0);
-      if (r <= 0) break;
-      out.append(buf, (size_t)r);
-    }
-    return out;
-  }
-  // Whether the link has closed this connection within 5 seconds.
-  bool Closed() {
-    pollfd p = {fd_, POLLIN, 0};
-    char c;
-    return poll(&p, 1, 5000) == 1 && recv(fd_, &c, 1, 0) <= 0;
-  }
+  std::string Read(size_t n) { return Tcp::Read(n, 5000); }
+  bool Closed() { return Tcp::Closed(5000); }
   static std::string Word(uint32_t v) {
     uint32_t n = htonl(v);
     return std::string((const char*)&n, 4);
@@ -81,9 +49,6 @@ class Peer {
   static std::string Block(const std::string& text, uint32_t magic = 0x5A554E4F) {
     return Word((uint32_t)text.size() + 8) + Word(magic) + text;
   }
-
- private:
-  int fd_ = -1;
 };
 
 // `pelkohost link` with a HOME of its own, so no user's zuno.ini is read.

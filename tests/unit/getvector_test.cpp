@@ -111,21 +111,19 @@ TEST(GetFileHandleTest, Requests) {
 
   EXPECT_EQ(GetFileHandle(Packed(Nested({Text("filename"), Text(path)})).data(), nullptr),
             ERR_MEMORY_ALLOC);
-  EXPECT_EQ(GetFileHandle(Packed(Text("filename")).data(), &fd), ERR_DOMAIN);
-  EXPECT_EQ(GetFileHandle(Packed(Enclose(Text("filename"))).data(), &fd), ERR_RANK);
-  EXPECT_EQ(GetFileHandle(Packed(Nested({Text("filename")})).data(), &fd), ERR_LENGTH);
-  EXPECT_EQ(GetFileHandle(Packed(Nested({Text("filenam"), Text(path)})).data(), &fd), ERR_LENGTH);
-  EXPECT_EQ(GetFileHandle(Packed(Nested({Text("filename"), Text("")})).data(), &fd), ERR_LENGTH);
-  EXPECT_EQ(GetFileHandle(Packed(Nested({Text("filename"), CharScalar('x')})).data(), &fd),
-            ERR_RANK);
-  EXPECT_EQ(GetFileHandle(Packed(Nested({Text("pathname"), Text(path)})).data(), &fd),
-            ERR_OPTION);
-  EXPECT_EQ(GetFileHandle(Packed(Nested({Text("filename"), Vector<SI4>(VAI4, {1})})).data(), &fd),
-            ERR_DOMAIN);
-  // A path that no buffer of the request holds.
-  EXPECT_EQ(GetFileHandle(Packed(Nested({Text("filename"), Text(std::string(2000, 'p'))})).data(),
-                          &fd),
-            ERR_DOMAIN);
+  // Each malformed request, and the code it is refused with.
+  const std::pair<PAA, SI4> refused[] = {
+      {Text("filename"), ERR_DOMAIN},
+      {Enclose(Text("filename")), ERR_RANK},
+      {Nested({Text("filename")}), ERR_LENGTH},
+      {Nested({Text("filenam"), Text(path)}), ERR_LENGTH},
+      {Nested({Text("filename"), Text("")}), ERR_LENGTH},
+      {Nested({Text("filename"), CharScalar('x')}), ERR_RANK},
+      {Nested({Text("pathname"), Text(path)}), ERR_OPTION},
+      {Nested({Text("filename"), Vector<SI4>(VAI4, {1})}), ERR_DOMAIN},
+      {Nested({Text("filename"), Text(std::string(2000, 'p'))}), ERR_DOMAIN},  // no buffer holds it
+  };
+  for (const auto& r : refused) EXPECT_EQ(GetFileHandle(Packed(r.first).data(), &fd), r.second) << &r - refused;
   // A record whose length word is smaller than a header.
   auto rec = Packed(Nested({Text("filename"), Text(path)}));
   memset(rec.data() + 24, 0, 8);

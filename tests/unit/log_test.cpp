@@ -1,4 +1,5 @@
-// The log: the trace word, the option parser, and what lands in the file.
+// The log: the trace word, the option parser, and what lands in the file,
+// array dumps included.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -119,23 +120,38 @@ TEST_F(LogFile, HexDumpRowsOf32SignedBytes) {
   EXPECT_EQ(rows.substr(rows.rfind("20 ")), "20 \n");
 }
 
+// The dump reads elements through the library's own accessors: nested,
+// progressions, heterogeneous cells, and a character matrix that is no text.
 TEST_F(LogFile, ArrayDump) {
   PAA v = VANewVector(VAI4, 12);
   for (int i = 0; i < 12; i++) ((SI4*)VADATA(v))[i] = i * 10;
-  PAA n = VANewVector(VAPntr, 2);
+  PAA het = VANewVector(VAHet, 2);
+  SI2 s = -12;
+  VASetHetCell(het, 0, VAI2, &s, 2);
+  VASetHetCell(het, 1, VAC1, "q", 1);
+  UI4 three = 3, shape[2] = {2, 2};
+  PAA apv = VANew(VAApvF8, 1, &three);
+  F8 ss[2] = {0.5, 1.0};
+  memcpy(VADATA(apv), ss, 16);
   PAA t = VANewVector(VAC1, 3);
   memcpy(VADATA(t), "abc", 3);
-  memcpy(VADATA(n), &v, sizeof v);
-  memcpy((char*)VADATA(n) + 8, &t, sizeof t);
+  PAA n = VANewVector(VAPntr, 5);
+  PAA items[5] = {v, t, apv, het, VANew(VAC1, 2, shape)};
+  memcpy(VADATA(n), items, sizeof items);
   LOGPrintAA(n);
   VAFree(n);
   std::string text = Read();
   EXPECT_NE(text.find(" APL Array:\n"), std::string::npos);
-  EXPECT_NE(text.find(">Array       32 Nested array                 1     1"), std::string::npos) << text;
+  EXPECT_NE(text.find(" Nested array                 1     1"), std::string::npos) << text;
   EXPECT_NE(text.find("\n |>Item no. 0\n | |>Array"), std::string::npos) << text;
   EXPECT_NE(text.find("Integer 4 bytes"), std::string::npos);
   EXPECT_NE(text.find("      10  100 110 "), std::string::npos) << text;
   EXPECT_NE(text.find("abc"), std::string::npos);
+  EXPECT_NE(text.find("0.5 1.5 2.5 "), std::string::npos) << text;
+  EXPECT_NE(text.find("Elem type Integer 2 bytes"), std::string::npos) << text;
+  EXPECT_NE(text.find("-12"), std::string::npos);
+  EXPECT_NE(text.find("\n | |q"), std::string::npos) << text;
+  EXPECT_NE(text.find("String larger than 2048 bytes"), std::string::npos) << text;
 }
 
 TEST(LogNoFile, NothingIsWrittenOrCreated) {

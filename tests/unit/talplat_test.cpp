@@ -3,7 +3,6 @@
 
 #include <dirent.h>
 #include <signal.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <cstring>
@@ -102,17 +101,6 @@ TEST(TalThread, DestructorOfRunningThreadCancelsIt) {
   delete t;  // cancels the parked thread instead of leaving it blocked
   for (int i = 0; i < 2000 && Threads() > before; i++) TALSleep(1000.0);
   EXPECT_EQ(Threads(), before);
-}
-
-TEST(TalClock, MicrosAndSleep) {
-  F8 t0 = Micros();
-  TALSleep(20000.0);
-  F8 dt = Micros() - t0;
-  EXPECT_GE(dt, 19000.0);
-  EXPECT_LT(dt, 2e6);
-  struct timeval tv;
-  gettimeofday(&tv, nullptr);
-  EXPECT_NEAR(Micros(), tv.tv_sec * 1e6 + tv.tv_usec, 1e6);
 }
 
 TEST(TalPlat, VersionBannerAndSocketHook) {

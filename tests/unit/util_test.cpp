@@ -112,16 +112,4 @@ TEST(Sha1, StatesAndNullArguments) {
   EXPECT_EQ(SHA1Result(&ctx, again), shaStateError);
 }
 
-TEST(WebSocket, AcceptKeyOfRfc6455) {
-  std::string key = "dGhlIHNhbXBsZSBub25jZQ==258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
-  SHA1Context ctx;
-  SHA1Reset(&ctx);
-  SHA1Input(&ctx, (const uint8_t*)key.data(), (unsigned)key.size());
-  uint8_t digest[SHA1HashSize];
-  SHA1Result(&ctx, digest);
-  char accept[32];
-  EXPECT_EQ(encode64(accept, digest, SHA1HashSize), 28u);
-  EXPECT_STREQ(accept, "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=");
-}
-
 }  // namespace

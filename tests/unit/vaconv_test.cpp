@@ -182,15 +182,6 @@ TEST(VAConvTest, NormalFormThroughPack) {
   EXPECT_EQ(VARefCount(shared), 2u);
   result = VAFree(result);
 
-  // Classic callers get character type 0.
-  SetUnicode(false);
-  result = Nested({Text("t")});
-  types = NormAndPack(&result, &rc);
-  want = {{0, 6}, {1, 0}};
-  EXPECT_EQ(types, want);
-  result = VAFree(result);
-  SetUnicode(true);
-
   // A 64-bit integer goes to the host as a float and can't be read as one;
   // a complex with an imaginary part neither. The result is released.
   PAA bad = Nested({VAInt(1), Nested({VANewScalar(VAI8), VAInt(2)})});
