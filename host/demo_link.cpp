@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 
+#include "host/child.h"
 #include "host/demo.h"
 #include "host/link.h"
 
@@ -26,23 +27,10 @@ struct Peer {
   int in = -1, out = -1;
   std::string seen;
   Peer(const std::string& library, const std::string& setting) {
-    int i[2], o[2];
-    if (pipe(i) != 0 || pipe(o) != 0) return;
-    pid = fork();
-    if (pid == 0) {
-      dup2(i[0], 0);
-      dup2(o[1], 1);
-      dup2(o[1], 2);
-      close(i[1]);
-      close(o[0]);
-      setenv("PELKO_LIBRARY", library.c_str(), 1);
-      execl("/proc/self/exe", "pelkohost", "link", setting.c_str(), (char*)nullptr);
-      _exit(127);
-    }
-    close(i[0]);
-    close(o[1]);
-    in = i[1];
-    out = o[0];
+    host::Child c = host::Spawn("/proc/self/exe", {"pelkohost", "link", setting}, {{"PELKO_LIBRARY", library}});
+    pid = c.pid;
+    in = c.in;
+    out = c.out;
   }
   ~Peer() {
     if (in >= 0) close(in);  // end of input ends it

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "host/child.h"
+
 namespace servetest {
 
 // Runs a shell command and gives what it wrote to stdout.
@@ -55,28 +57,13 @@ inline void EndBrowser(const std::string& profile) { Shell("pkill -f 'user-data-
 class HostProcess {
  public:
   explicit HostProcess(std::vector<std::string> args, std::string home = "") {
-    int out[2], in[2];
-    if (pipe(out) != 0 || pipe(in) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], 1);
-      dup2(out[1], 2);
-      dup2(in[0], 0);
-      close(out[0]);
-      close(in[1]);
-      args.insert(args.begin(), PELKOHOST_PATH);
-      std::vector<char*> argv;
-      for (auto& a : args) argv.push_back((char*)a.c_str());
-      argv.push_back(nullptr);
-      setenv("PELKO_LIBRARY", PELKO_LIBRARY_PATH, 1);
-      if (!home.empty()) setenv("HOME", home.c_str(), 1);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    close(in[0]);
-    fd_ = out[0];
-    in_ = in[1];
+    args.insert(args.begin(), PELKOHOST_PATH);
+    std::vector<std::pair<std::string, std::string>> env = {{"PELKO_LIBRARY", PELKO_LIBRARY_PATH}};
+    if (!home.empty()) env.push_back({"HOME", home});
+    host::Child c = host::Spawn(PELKOHOST_PATH, args, env);
+    pid_ = c.pid;
+    fd_ = c.out;
+    in_ = c.in;
   }
   ~HostProcess() {
     Stop();
