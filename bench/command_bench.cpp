@@ -28,7 +28,7 @@ namespace {
 using host::Value;
 using Clock = std::chrono::steady_clock;
 
-const int kTrips = 3000;
+int kTrips = 3000;
 // A command's header on the wire.
 const size_t kHeader = 115;
 const size_t kBulk = 64u << 20;
@@ -253,14 +253,14 @@ double CommandTrips(Roots& r, host::ZBlock& value) {
   std::thread server([&] {
     for (int i = 0; i < kTrips; i++) {
       auto e = r.Event(r.srv, "");
-      if (e.first != "Receive") abort();
+      if (e.first != "Receive") { fprintf(stderr, "srv %s %s\n", e.first.c_str(), e.second.c_str()); abort(); }
       r.Dyadic(r.srv, "ARespondZ", value, e.second, 1);
     }
   });
   auto t0 = Clock::now();
   for (int i = 0; i < kTrips; i++) {
     r.Dyadic(r.clt, "ASendZ", value, "C", 0);
-    if (r.Event(r.clt, "C").first != "Receive") abort();
+    { auto e = r.Event(r.clt, "C"); if (e.first != "Receive") { fprintf(stderr, "clt %d %s %s\n", i, e.first.c_str(), e.second.c_str()); abort(); } }
   }
   double s = Seconds(t0, Clock::now());
   server.join();
@@ -282,7 +282,7 @@ double CommandBulk(Roots& r) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   std::string error;
   std::unique_ptr<host::Library> lib = host::Library::Open(host::FindLibrary(PELKO_BUILT_LIBRARY), &error);
   if (!lib) {
@@ -292,6 +292,16 @@ int main() {
   Roots roots(*lib);
   host::ZBlock small = host::Encode(Value::Ints({1, 2, 3, 4}));
   size_t wire = kHeader + small.size();
+  // "command_bench trips N" times only N command round trips, and
+  // "command_bench rounds N" only the plain ones in the library's rounds,
+  // each alone for a profile.
+  if (argc == 3) {
+    kTrips = atoi(argv[2]);
+    bool rounds = std::string(argv[1]) == "rounds";
+    printf("round trips/s   %s %10.0f\n", rounds ? "in rounds" : "command mode",
+           rounds ? HandedTrips(wire, true) : CommandTrips(roots, small));
+    return 0;
+  }
 
   double plainTrips = PlainTrips(wire);
   double handedTrips = HandedTrips(wire, false);

@@ -217,6 +217,8 @@ class Server {
     bool text = data.isText() || (data.count() == 0 && frame[2].intAt(0) == 1);
     if (text) {
       held += data.text();
+    } else if (data.type() == host::Type::Int8) {
+      held.append(data.bytes().begin(), data.bytes().end());  // the bytes as they stand
     } else {
       for (int64_t b : data.ints()) held.push_back((char)b);
     }

@@ -15,12 +15,7 @@
 
 CMDCONNECTION::CMDCONNECTION() : CONNECTION() { pHeader = new BUFFER(IPMSG_HEADER); }
 
-// Requests and answers are exchanged in turns, so nothing may wait for
-// more data to fill a segment.
-CMDCONNECTION::CMDCONNECTION(PRPCSOCK s) : CONNECTION(s) {
-  pHeader = new BUFFER(IPMSG_HEADER);
-  if (s && s->isValid()) s->SetNoDelay();
-}
+CMDCONNECTION::CMDCONNECTION(PRPCSOCK s) : CONNECTION(s) { pHeader = new BUFFER(IPMSG_HEADER); }
 
 CMDCONNECTION::~CMDCONNECTION() {}
 

@@ -47,10 +47,20 @@ CONNECTION::~CONNECTION() {
   FreeAuth(this);
 }
 
+// Every piece goes out whole in its round, at most 16 KB, which is less
+// than a loopback segment: waiting to fill one would hold each piece for
+// the peer's acknowledgement of the last, a round trip per piece. Command
+// turns, HTTP answers and WebSocket frames all move at that pace without
+// this (a 1 MB WebSocket echo took three times as long).
+void NoDelay(PRPCSOCK s) {
+  if (s && s->isValid()) s->SetNoDelay();
+}
+
 SI4 CONNECTION::Connect(PHIERAKI root, PCH10 host, PCH10 port, PROTOCOL prot) {
   SI4 err = 0;
   pCon = NewSock(root, host, port, false, pCert, prot, &err);
   if (!pCon) return err ? err : ERR_NEW_DATA_SOCKET;
+  NoDelay(pCon);
   if (pCon->lError == 0) State = SConnected;
   return pCon->lError;
 }

@@ -13,6 +13,9 @@
 // Room a caller leaves behind a name for a generated ".Auto%08d".
 #define AUTONAME_ROOM 16
 
+// No waiting to fill a segment, on every stream connection's socket.
+void NoDelay(PRPCSOCK s);
+
 class CONNECTION : public RPCOBJS {
  public:
   CONNECTION();

@@ -176,7 +176,6 @@ SI4 Client(PHIERAKI root, PCH10 name, PCH10 address, PCH10 port, PCH10, OBJMODE 
   c->pCert = cert;
   c->pOOSfn = oosfn;
   rc = c->Connect(root, address, port, Protocol(root, prot));
-  if (!rc && c->Mode == MCommand) c->pCon->SetNoDelay();
   if (!rc && !root->AddNew(name, c)) rc = ERR_NAME_IN_USE;
   if (rc) {
     c->pCert = nullptr;

@@ -105,6 +105,7 @@ SI4 SERVER::Accept(PFDSETS fds) {
       return ERR_ENDPOINT;
     }
   }
+  NoDelay(sock);
   if (timeKeepAlive && intevalKeepAlive) sock->SetKeepalive(timeKeepAlive, intevalKeepAlive);
   if (rc == 0 || rc == ERR_HANDSHAKE_NOT_COMPLETED) return NewConnection(fds, name, sock);
   delete sock;
