@@ -86,6 +86,12 @@ TEST(Buffer, CursorCutAndResize) {
   EXPECT_EQ(std::string(m.pBuf, 5), std::string("\0\0\0\0\x04", 5));
   m.Mask(key, 0);  // no key: left alone
   EXPECT_EQ(m.pBuf[4], 4);
+  // Longer payloads go by words and end by bytes, in the key's step.
+  std::string src(21, '\0');
+  for (size_t i = 0; i < src.size(); i++) src[i] = (char)(i * 37);
+  BUFFER w((UI4)src.size(), (PCH1)src.data());
+  w.Mask(key, 4);
+  for (size_t i = 0; i < src.size(); i++) EXPECT_EQ((UI1)w.pBuf[i], (UI1)(src[i] ^ key[i % 4])) << i;
   delete h;
   delete t;
   delete z;
