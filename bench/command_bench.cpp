@@ -306,12 +306,15 @@ int main(int argc, char** argv) {
   size_t wire = kHeader + small.size();
   // "command_bench trips N" times only N command round trips, and
   // "command_bench rounds N" only the plain ones in the library's rounds,
-  // each alone for a profile.
-  if (argc == 3) {
+  // each alone for a profile; a third word "crowded" puts the idle
+  // connections beside them.
+  if (argc >= 3) {
     kTrips = atoi(argv[2]);
-    bool rounds = std::string(argv[1]) == "rounds";
+    bool rounds = std::string(argv[1]) == "rounds", crowded = argc > 3;
+    if (crowded && !rounds)
+      for (int i = 0; i < kIdle; i++) roots.Idle(i);
     printf("round trips/s   %s %10.0f\n", rounds ? "in rounds" : "command mode",
-           rounds ? HandedTrips(wire, true) : CommandTrips(roots, small));
+           rounds ? HandedTrips(wire, true, crowded ? kIdle : 0) : CommandTrips(roots, small));
     return 0;
   }
 

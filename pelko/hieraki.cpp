@@ -226,7 +226,7 @@ PHIERAKI HIERAKI::LoopSub(PFNH fn, void* arg) {
   LockRead();
   PHIERAKI r = nullptr;
   if (pSub) {
-    assert(0==strcmp(pSub->Magic,"Talvera0"));
+    CHECKMAGIC(pSub);
     r = pSub->Loop(fn, arg);
   }
   ReleaseRead();

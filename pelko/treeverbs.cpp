@@ -36,7 +36,7 @@ PAA AClose(PHIERAKI root, PAA arg) {
 }
 
 static PHIERAKI Checktree(PHIERAKI i, void* arg) {
-  assert(0==strcmp(i->Magic,"Talvera0"));
+  CHECKMAGIC(i);
   i->LoopSub(Checktree, arg);
   return nullptr;
 }
