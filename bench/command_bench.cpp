@@ -123,7 +123,9 @@ struct Side {
   // With rounds it keeps the library's rounds: a message goes out in the
   // round after its wake-up, once a select has found the socket writable,
   // and one comes in by two reads in two rounds, its 115-byte header into
-  // a buffer of that size and then its body.
+  // a buffer of that size and then its body; and the host wakes the
+  // thread once more after taking each message, as a wait does to hand the
+  // taken object back (word 1: nothing to send).
   void Run(size_t size, bool rounds) {
     std::vector<char> buf(size, 'x');
     bool pending = false;
@@ -148,8 +150,8 @@ struct Side {
       if (FD_ISSET(pair[0], &in)) {
         int word;
         if (read(pair[0], &word, sizeof word) != sizeof word || word < 0) return;
-        if (rounds) pending = true;
-        else WriteAll(sock, buf.data(), size);
+        if (word == 0 && rounds) pending = true;
+        else if (word == 0) WriteAll(sock, buf.data(), size);
       }
       if (!FD_ISSET(sock, &in)) continue;
       if (!rounds) {
@@ -184,6 +186,7 @@ double HandedTrips(size_t size, bool rounds, int idle = 0) {
   std::thread answerer([&] {
     for (int i = 0; i < kTrips; i++) {
       sem_wait(&server.ready);
+      if (rounds) server.Wake(1);
       server.Wake(0);
     }
   });
@@ -191,6 +194,7 @@ double HandedTrips(size_t size, bool rounds, int idle = 0) {
   for (int i = 0; i < kTrips; i++) {
     client.Wake(0);
     sem_wait(&client.ready);
+    if (rounds) client.Wake(1);
   }
   double s = Seconds(t0, Clock::now());
   answerer.join();
