@@ -318,6 +318,15 @@ SI4 VAGetCH1m(PAA pAA, UI4 index, PCH1* ppStr, SI2 text) {
   return rc;
 }
 
+SI4 VANarrowI2(const char* src, UI4 n, UI1* out) {
+  for (UI4 i = 0; i < n; i++) {
+    SI2 v = Read<SI2>(src + 2 * i);
+    if (v < -128 || v > 255) return ERR_DOMAIN;
+    out[i] = (UI1)v;
+  }
+  return 0;
+}
+
 SI4 VAGetBytes(PAA pAA, UI1* pb, UI4* plen) {
   if (!pAA) return ERR_APL_VALUE;  // an absent argument
   UI4 count = VAElems(pAA);
@@ -328,15 +337,7 @@ SI4 VAGetBytes(PAA pAA, UI1* pb, UI4* plen) {
   }
   if (*plen < count) return ERR_LENGTH;
   if (!pb) return ERR_DOMAIN;
-  if (type == VAI2) {
-    PCH1 d = (PCH1)VADATA(pAA);
-    for (UI4 i = 0; i < count; i++) {
-      SI2 v = Read<SI2>(d + 2 * i);
-      if (v < -128 || v > 255) return ERR_DOMAIN;
-      pb[i] = (UI1)v;
-    }
-    return 0;
-  }
+  if (type == VAI2) return VANarrowI2((PCH1)VADATA(pAA), count, pb);
   if (type == VAC1) {
     memcpy(pb, VADATA(pAA), count);
     VA2ascn((PCH1)pb, count);

@@ -94,6 +94,9 @@ SI4 VAGetLen(PAA pAA, UI4 index, UI4* pLen, SI2 text);
 SI4 VAGetCH1(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, SI2 text);
 SI4 VAGetCH1m(PAA pAA, UI4 index, PCH1* ppStr, SI2 text);
 SI4 VAGetBytes(PAA pAA, UI1* pb, UI4* plen);
+// 2-byte integers as bytes: each must lie in -128..255, else ERR_DOMAIN.
+// out may be src itself: each byte lands at or before the pair it came from.
+SI4 VANarrowI2(const char* src, UI4 n, UI1* out);
 SI4 VAGetUnicodeLen(PAA pAA, UI4 index, UI4* plen, UNICODETYPES type, SI2 term);
 SI4 VAGetUnicode(PAA pAA, UI4 index, PCH1 pBuf, UI4 len, UNICODETYPES type, SI2 term);
 SI4 VAGetpAA(PAA pAA, UI4 index, PPAA ppAA);

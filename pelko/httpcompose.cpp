@@ -322,9 +322,10 @@ static SI4 ComposeNested(PHTTPCONNECTION c, PAA value, PBUFFER* ppBuf) {
 
 SI4 HTTPCONNECTION::ComposeBuffer(PUI4 pZ, UI4 size, PBUFFER* ppBuf) {
   *ppBuf = nullptr;
+  SI4 rc;
+  if (ComposeVector(pZ, size, false, &rc, ppBuf)) return rc;
   PAA value = UnpackZ(pZ, size);
   if (!value) return ERR_ARCHITECTURE;
-  SI4 rc;
   if (VARank(value) != 1) {
     rc = ERR_RANK;
   } else if (VAType(value) == VAPntr || VAType(value) == VAHet) {

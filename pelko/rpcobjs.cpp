@@ -11,6 +11,7 @@
 #include "orvanenaz.h"
 #include "pelkoerr.h"
 #include "root.h"
+#include "vatrans.h"
 
 #define MODULE 0x00000080
 
@@ -83,16 +84,33 @@ static SI4 ArrayBytes(PAA p, PUI1* ppData, PUI4 pSize) {
   return VAGetBytes(p, *ppData, pSize);
 }
 
+// Bytes, and characters with no table to translate them by, go from the
+// host's block straight into the buffer: the one copy they make before
+// the socket. 2-byte integers (what raw mode hands the host) are narrowed
+// on the way, once. False leaves anything else, and a scalar when only
+// vectors are taken, to be unpacked first, with the same result as this.
+bool RPCOBJS::ComposeVector(PUI4 z, UI4 size, bool scalars, PSI4 rc, PBUFFER* ppOut) {
+  ZVECTOR v;
+  if (!ByteVectorZ(z, size, &v) || (!scalars && v.rank == 0)) return false;
+  if (v.eltype == 2 || (v.eltype != 3 && !isav2asc)) {
+    *rc = ComposeBuffer((PUI1)v.data, v.count, -1, ppOut);
+    return true;
+  }
+  if (v.eltype != 3) return false;
+  PUI1 narrow = (PUI1)malloc(v.count ? v.count : 1);
+  *rc = narrow ? VANarrowI2(v.data, v.count, narrow) : ERR_MEMORY_ALLOC;
+  if (!*rc) *rc = ComposeBuffer(v.count ? narrow : nullptr, v.count, -1, ppOut);
+  free(narrow);
+  return true;
+}
+
 SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4 size, PBUFFER* ppOut) {
   *ppOut = nullptr;
-  // Bytes go from the host's block straight into the buffer: the one copy
-  // they make before the socket.
-  PCH1 bytes;
-  UI4 n;
-  if (ByteVectorZ(z, size, &bytes, &n)) return ComposeBuffer((PUI1)bytes, n, -1, ppOut);
+  SI4 rc;
+  if (ComposeVector(z, size, true, &rc, ppOut)) return rc;
   PAA pAA = UnpackZ(z);
   if (!pAA) return ERR_ARCHITECTURE;
-  SI4 rc = ComposeArray(pAA, ppOut);
+  rc = ComposeArray(pAA, ppOut);
   VAFree(pAA);
   return rc;
 }

@@ -88,6 +88,7 @@ class RPCOBJS {
   virtual SI4 SendZ(PHIERAKI pItem, PCH10 name, PUI4 z, UI4 size, UI4 flag);
   virtual SI4 ComposeBuffer(PUI4 z, UI4 size, PBUFFER* ppOut);
   virtual SI4 ComposeBuffer(PUI1 data, UI4 size, int file, PBUFFER* ppOut);
+  bool ComposeVector(PUI4 z, UI4 size, bool scalars, PSI4 rc, PBUFFER* ppOut);
   // What a send's array stands for: its bytes, or (data filename) for a
   // file behind the data. The array stays the caller's.
   SI4 ComposeArray(PAA pAA, PBUFFER* ppOut);

@@ -307,13 +307,17 @@ static UI8 RecordAxis(PCH1 pOrvane, UI4 i) {
   return axis;
 }
 
-bool ByteVectorZ(PUI4 pZ, UI4 blockSize, PCH1* ppData, PUI4 pLen) {
+bool ByteVectorZ(PUI4 pZ, UI4 blockSize, ZVECTOR* v) {
   if (!CheckZ(pZ, blockSize)) return false;
   PCH1 rec = (PCH1)pZ + 8;
   UI4 rank = RecordRank(rec);
-  if ((((PORVANE)rec)->typerank & 15) != 15 || ((PORVANE)rec)->eltype != 2 || rank > 1) return false;
-  *pLen = rank ? (UI4)RecordAxis(rec, 0) : 1;
-  *ppData = rec + ORVANE_HEADER + rank * 8;
+  UI4 el = ((PORVANE)rec)->eltype;
+  if ((((PORVANE)rec)->typerank & 15) != 15 || (el != 0 && el != 2 && el != 3 && el != 7) || rank > 1)
+    return false;
+  v->eltype = el;
+  v->rank = rank;
+  v->count = rank ? (UI4)RecordAxis(rec, 0) : 1;
+  v->data = rec + ORVANE_HEADER + rank * 8;
   return true;
 }
 
@@ -330,16 +334,7 @@ SI4 GetVector(bool, PCH1 pOrvane, PUI4 pLen, PCH1* ppData) {
     case 0: VA2ascn(data, n); return 0;
     case 2:
     case 7: return 0;
-    case 3:
-      // Narrowed in place, front to back: each byte lands at or before the
-      // pair it came from.
-      for (UI4 i = 0; i < n; i++) {
-        SI2 v;
-        memcpy(&v, data + 2 * i, 2);
-        if (v < -128 || v > 255) return ERR_DOMAIN;
-        data[i] = (char)v;
-      }
-      return 0;
+    case 3: return VANarrowI2(data, n, (UI1*)data);  // in place
     default: return ERR_DOMAIN;
   }
 }

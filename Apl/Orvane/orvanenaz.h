@@ -51,9 +51,16 @@ PAA UnpackZ(PUI4 pZ, UI4 blockSize);
 // Whether UnpackZ(pZ, blockSize) would succeed, found without allocating
 // or copying anything.
 bool CheckZ(PUI4 pZ, UI4 blockSize);
-// Whether a block holds one simple vector (or scalar) of 1-byte integers;
-// its bytes and their count, in place in the block, when it does.
-bool ByteVectorZ(PUI4 pZ, UI4 blockSize, PCH1* ppData, PUI4 pLen);
+// A simple vector or scalar in a packed block, read in place.
+struct ZVECTOR {
+  PCH1 data;   // its first element, in the block
+  UI4 count;   // elements
+  UI4 eltype;  // the record's element type
+  UI4 rank;    // 0 or 1
+};
+// Whether a block holds one simple vector (or scalar) of 1-byte integers
+// (element type 2), 1-byte characters (0 or 7) or 2-byte integers (3).
+bool ByteVectorZ(PUI4 pZ, UI4 blockSize, ZVECTOR* v);
 PUI4 ScalarZ(UI4 v);
 // The block PackZ would give for a vector of received bytes, as 2-byte
 // integers (VAI2) or as text (VAC1, translated for classic callers),

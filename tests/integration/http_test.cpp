@@ -308,6 +308,7 @@ TEST(HttpCompose, RefusedValuesSendNothing) {
   };
   const std::pair<Value, int32_t> cases[] = {
       {Value::Text("ab").Reshape({1, 2}), 1002},  // ERR_RANK
+      {Value::Char(U'x'), 1002},
       {Value::Nested({Value::Text("a"), Value::Text("b"), Value::Text("c")}), 1038},  // ERR_INDEX
       {msg(Value::Text("Host: x")), 1002},
       {msg(Value::Ints({1, 2, 3, 4}).Reshape({2, 2})), 1004},  // ERR_DOMAIN

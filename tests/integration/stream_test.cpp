@@ -95,6 +95,45 @@ TEST(Raw, RawGivesIntegersTextGivesCharacters) {
   EXPECT_EQ(tpeer.Read(3), "ok\n");
 }
 
+// Each kind of array a raw-mode send takes, byte for byte on the wire, and
+// the codes of those it refuses; a refused send leaves nothing behind.
+TEST(Raw, WhatASendPutsOnTheWire) {
+  Roots r("RawSend");
+  Tcp peer;
+  std::string conn = Served(r.root, "raw", {}, &peer);
+  struct Case {
+    const char* what;
+    Value value;
+    int code;
+    std::string wire;
+  } cases[] = {
+      {"bytes", Value::Int8s({0, -1, 65}), 0, std::string("\x00\xff\x41", 3)},
+      {"2-byte integers as bytes", Value::Int16s({0, 255, -128, 66}), 0, std::string("\x00\xff\x80\x42", 4)},
+      {"a 2-byte integer past a byte", Value::Int16s({1, 256}), 1004, ""},
+      {"classic characters", Value::Classic("ok"), 0, "ok"},
+      {"one-byte Unicode characters", Value::Text("h\xc3\xa9"), 0, "h\xe9"},
+      {"a character scalar", Value::Char(U'z'), 0, "z"},
+      {"wider characters", Value::Text("\xe2\x82\xac"), 1001, ""},  // ERR_LENGTH, as sized
+      {"4-byte integers", Value::Ints({1, 2}), 1001, ""},
+      {"a matrix", Value::Text("ab").Reshape({1, 2}), 1002, ""},
+      {"an empty vector", Value::Int8s({}), 0, ""},
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.what);
+    EXPECT_EQ(Code(cmdtest::Send(r.root, conn, k.value)), k.code);
+    if (!k.wire.empty()) {
+      EXPECT_EQ(peer.Read(k.wire.size()), k.wire);
+    }
+  }
+  // With a table installed, classic characters are translated on the way.
+  char av2asc[256], asc2av[256];
+  for (int i = 0; i < 256; i++) av2asc[i] = asc2av[i] = (char)i;
+  av2asc[(unsigned char)'a'] = 'b';
+  ASSERT_EQ(Lib().raw().SetXLate((char*)"APL", (char*)"HOST", av2asc, asc2av), 0);
+  EXPECT_EQ(Code(cmdtest::Send(r.root, conn, Value::Classic("aha"))), 0);
+  EXPECT_EQ(peer.Read(3), "bhb");
+}
+
 TEST(Raw, CaseAndInheritedListsAndBlockSize) {
   Roots r("RawCase");
   Listener l;
