@@ -96,7 +96,7 @@ PHIERAKI cmpobj(PHIERAKI h, void* obj) {
 
 HIERAKI::HIERAKI(const char* name, PRPCOBJS obj)
     : pRW(nullptr), pNext(this), pSub(nullptr), pParent(nullptr), Name(), Magic(),
-      pObj(obj), CleanUpLevel(ENDTYPE), CleanUpCount(0) {
+      pObj(obj), CleanUpLevel(ENDTYPE), CleanUpCount(0), Detached(false) {
   strncpy(Name, name ? name : "", MAXNAMELENGTH);
   memcpy(Magic, HIERAKI_MAGIC, 9);
 }
@@ -348,7 +348,7 @@ PHIERAKI HIERAKI::CleanUpBelow(PHIERAKI h, void*) {
 void HIERAKI::Detach() {
   CleanUpBelow(this, nullptr);
   if (pParent) Unlink();
-  pParent = nullptr;
+  Detached = true;
 }
 
 HIERAKI::~HIERAKI() {
@@ -358,7 +358,9 @@ HIERAKI::~HIERAKI() {
   // write lock taken here is the one it relies on.
   while (pSub) delete pSub->pNext;
   ReleaseWrite();
-  if (pParent)
+  if (Detached)
+    ;  // off every ring already
+  else if (pParent)
     Unlink();
   else
     Remove(this);

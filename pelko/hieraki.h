@@ -122,7 +122,9 @@ struct HIERAKI {
   PHIERAKI PopChild();
   // Takes this node off its parent's ring, and it and all below it off
   // any ready list above: nothing leads to it afterwards, and it can be
-  // freed whole later. The caller holds the parent's write lock.
+  // freed whole later. The caller holds the parent's write lock. The
+  // parent link stays as it was: a host thread that found the node before
+  // may still follow it up to the root.
   void Detach();
   PHIERAKI SetSub(PHIERAKI p);
   void AddSub(PHIERAKI p);
@@ -158,6 +160,7 @@ struct HIERAKI {
   int CleanUpCount;
 
  private:
+  bool Detached;  // off its parent's ring already; only the work thread reads it
   CMutexRW* RW();
   PHIERAKI Down(const char* piece, size_t len);
 };

@@ -236,7 +236,8 @@ SI4 WaitZ1(PHIERAKI pRoot, PCH1 Name, SI4 timeout, PCH1 ObjName, PCH1 Event, PUI
       break;
     }
     PRPCOBJS o = h->pObj;
-    if (o && o->Type == TConnection && h->Parent() && FifoServer(h->Parent()->pObj)) {
+    PHIERAKI parent = h->Parent();
+    if (o && o->Type == TConnection && parent && FifoServer(parent->pObj)) {
       rc = ERR_FIFOMODE;
       break;
     }

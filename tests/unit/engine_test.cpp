@@ -205,6 +205,9 @@ TEST(Root, TreeAndClose) {
     EXPECT_TRUE(Eventually([&] { return root->FirstChild() == nullptr; }));
     EXPECT_EQ(deleted, 0);
     EXPECT_EQ(s->pObj->Type, TServer);
+    // Its way up is as it was, to the root that a verb would wake.
+    EXPECT_EQ(s->Parent(), root);
+    EXPECT_EQ(RootObj(s), RootObj(root));
   }
   EXPECT_TRUE(Eventually([&] { return deleted == 2; }));
 
