@@ -17,18 +17,24 @@
 
 #define MODULE 0x00000080
 
-// Every block of a buffer comes from BigAlloc and goes back by BigFree,
-// so a BLOCKBUFFER's can go to the host, which gives it back through
-// FreeUsedOrvaneResult.
-static PCH1 Block(UI4 size) {
-  PCH1 p = (PCH1)BigAlloc(size);
+// Every block of a buffer goes back by BigFree, so a BLOCKBUFFER's can go
+// to the host, which gives it back through FreeUsedOrvaneResult. A block
+// that is filled whole (a copy of the host's bytes, a received block of a
+// stated length, a grown one) comes from BigAlloc, which offers large ones
+// huge pages. An empty buffer that the socket fills piece by piece and
+// seldom to its end (a header, a stream's window of BufferSize bytes) is
+// plain memory: with huge pages, each idle connection's would cost 2 MB.
+static PCH1 Block(UI4 size, bool whole) {
+  PCH1 p = (PCH1)(whole ? BigAlloc(size) : malloc(size ? size : 1));
   if (!p) throw std::bad_alloc();
   return p;
 }
 
-BUFFER::BUFFER(UI4 size) : Size(size), Offset(0), Blksize(BUFFERBLKSIZE), pBuf(Block(size)), Alloc(size) {}
+BUFFER::BUFFER(UI4 size)
+    : Size(size), Offset(0), Blksize(BUFFERBLKSIZE), pBuf(Block(size, false)), Alloc(size) {}
 
-BUFFER::BUFFER(UI4 size, PCH1 data) : BUFFER(size) {
+BUFFER::BUFFER(UI4 size, PCH1 data)
+    : Size(size), Offset(0), Blksize(BUFFERBLKSIZE), pBuf(Block(size, true)), Alloc(size) {
   if (size) memcpy(pBuf, data, size);
 }
 
@@ -90,7 +96,7 @@ BOOL BUFFER::AppendP(PCH1 p, UI4 n) {
 
 UI4 BUFFER::Resize(UI4 n) {
   if (n >= Size) {
-    PCH1 p = Block(n);
+    PCH1 p = Block(n, true);
     if (Size) memcpy(p, pBuf, Size);
     BigFree(pBuf);
     pBuf = p;
