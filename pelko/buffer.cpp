@@ -121,7 +121,7 @@ PBUFFER BUFFER::Take(UI4 n) {
   return p;
 }
 
-void BUFFER::Mask(PUI1 key, UI4 keylen) {
+void XorMask(PUI1 p, UI4 n, const UI1* key, UI4 keylen) {
   if (!keylen) return;  // no key, nothing to mask with
   UI4 i = 0;
   // A 4-byte key (every WebSocket frame's) repeats within a word of 8,
@@ -131,15 +131,17 @@ void BUFFER::Mask(PUI1 key, UI4 keylen) {
     UI8 k;
     memcpy(&k, key, 4);
     memcpy((PUI1)&k + 4, key, 4);
-    for (; i + 8 <= Size; i += 8) {
+    for (; i + 8 <= n; i += 8) {
       UI8 w;
-      memcpy(&w, pBuf + i, 8);
+      memcpy(&w, p + i, 8);
       w ^= k;
-      memcpy(pBuf + i, &w, 8);
+      memcpy(p + i, &w, 8);
     }
   }
-  for (; i < Size; i++) pBuf[i] ^= (CH1)key[i % keylen];
+  for (; i < n; i++) p[i] ^= key[i % keylen];
 }
+
+void BUFFER::Mask(PUI1 key, UI4 keylen) { XorMask((PUI1)pBuf, Size, key, keylen); }
 
 static bool SameFirst(CH1 a, CH1 b, bool ignoreCase) {
   return a == b || (ignoreCase && toupper((UI1)a) == toupper((UI1)b));

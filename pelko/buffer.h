@@ -10,6 +10,10 @@
 #define BUFFERBLKSIZE 0x4000
 #define STARTSIZE 4096
 
+// Each of n bytes XORed with the key's byte at its place, the key
+// repeating (a WebSocket mask); no key leaves them as they are.
+void XorMask(PUI1 p, UI4 n, const UI1* key, UI4 keylen);
+
 class BUFFER {
  public:
   explicit BUFFER(UI4 size);
@@ -34,7 +38,7 @@ class BUFFER {
   UI4 Resize(UI4 n);
   void Drop(UI4 n);
   BUFFER* Take(UI4 n);
-  void Mask(PUI1 key, UI4 keylen);
+  void Mask(PUI1 key, UI4 keylen);  // the whole block, as XorMask
 
   SI4 FindAsc(PCH10 text, bool after, bool ignoreCase);
   SI4 FindBin1(PCH1 data, SI4 len, bool after);

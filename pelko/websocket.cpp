@@ -80,10 +80,7 @@ SI4 WEBSOCKET::ComposeBuffer(UI1 fin, UI1 opcode, PUI1 data, UI4 length, PBUFFER
   if (masked) memcpy(header + key, &mask, 4);
   b->Append((PCH1)header, n);
   if (length) b->Append((PCH1)data, length);
-  if (masked) {
-    PUI1 p = (PUI1)b->Start() + n;
-    for (UI4 i = 0; i < length; i++) p[i] ^= header[key + i % 4];
-  }
+  if (masked) XorMask((PUI1)b->Start() + n, length, header + key, 4);
   b->Rewind();
   *ppBuf = b;
   return 0;
