@@ -40,21 +40,13 @@ host::CallResult Certs_(const std::string& root, std::vector<Value> opts) {
   return Lib().Call(root, "ACerts", Value::Nested(opts));
 }
 
-// The DER bytes of a PEM file's first certificate.
-Value Der(const std::string& pem) {
-  std::string der = Shell("certtool --certificate-info --outder --infile '" + pem + "' 2>/dev/null");
-  std::vector<int8_t> bytes(der.begin(), der.end());
-  return Value::Int8s(bytes);
-}
-
 TEST(CertDecode, PartsMatchWhatCerttoolPrints) {
   if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
   setenv("TZ", "UTC", 1);
   tzset();
   Roots r("CertDecode");
-  std::string file = Certs::Get().File("serial.pem");
-  std::string report = Shell("certtool -i --infile '" + file + "'");
-  Value der = Der(file);
+  std::string report = Shell("certtool -i --infile '" + Certs::Get().File("serial.pem") + "'");
+  Value der = Certs::Get().Bytes("serial.der");
   host::CallResult v = Certs_(r.root, {Opt("Type", Value::Text("Decode")), Opt("Source", der), Opt("Details", Value::Int(1))});
   ASSERT_EQ(Code(v), 0) << v.result.Format();
   const Value& info = v.result[1][1];
@@ -117,15 +109,13 @@ TEST(CertDecode, FilesGiveOneByteVectorPerCertificate) {
   host::CallResult v = Certs_(r.root, {Opt("Type", Value::Text("DER")), Opt("Source", Value::Text(three))});
   ASSERT_EQ(Code(v), 0);
   ASSERT_EQ(v.result[1].count(), 3u);
-  EXPECT_EQ(v.result[1][0], Der(c.File("srv.pem")));
-  EXPECT_EQ(v.result[1][1], Der(c.File("ca.pem")));
+  EXPECT_EQ(v.result[1][0], c.Bytes("srv.der"));
+  EXPECT_EQ(v.result[1][1], c.Bytes("ca.der"));
   // A DER file gives its one certificate, the same bytes as from PEM.
-  std::string derFile = c.File("srv.der");
-  Shell("certtool --certificate-info --outder --infile '" + c.File("srv.pem") + "' --outfile '" + derFile + "'");
-  v = Certs_(r.root, {Opt("Type", Value::Text("DER")), Opt("Source", Value::Text(derFile))});
+  v = Certs_(r.root, {Opt("Type", Value::Text("DER")), Opt("Source", Value::Text(c.File("srv.der")))});
   ASSERT_EQ(Code(v), 0);
   ASSERT_EQ(v.result[1].count(), 1u);
-  EXPECT_EQ(v.result[1][0], Der(c.File("srv.pem")));
+  EXPECT_EQ(v.result[1][0], c.Bytes("srv.der"));
   // A missing file is no certificates; no source, or a type without a back
   // end, is a code.
   v = Certs_(r.root, {Opt("Type", Value::Text("DER")), Opt("Source", Value::Text("/no/such.pem"))});
@@ -172,8 +162,7 @@ std::string WithIssuerUniqueId(const std::string& cert, const std::string& id) {
 TEST(CertDecode, AUniqueIdIsItsBytesNotItsBits) {
   if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
   Roots r("CertUid");
-  std::string der;
-  for (int64_t b : Der(Certs::Get().File("serial.pem")).ints()) der += (char)b;
+  std::string der = Certs::Get().Read("serial.der");
   // 100 bytes are 800 bits; read as a length in bytes they overran the
   // room of the read (found by cert_fuzz).
   std::string spliced = WithIssuerUniqueId(der, std::string(100, 'u'));
@@ -190,8 +179,8 @@ TEST(CertDecode, AUniqueIdIsItsBytesNotItsBits) {
 TEST(CertDecode, BytesThatAreNoCertificateGiveACode) {
   if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
   Roots r("CertBad");
-  std::vector<int8_t> good;
-  for (int64_t b : Der(Certs::Get().File("srv.pem")).ints()) good.push_back((int8_t)b);
+  std::string der = Certs::Get().Read("srv.der");
+  std::vector<int8_t> good(der.begin(), der.end());
   std::vector<std::vector<int8_t>> bad = {
       {},
       std::vector<int8_t>(good.begin(), good.begin() + good.size() / 2),  // truncated
@@ -231,7 +220,7 @@ TEST(CertDecode, TheCertificatesOfALiveConnection) {
     host::CallResult p = Lib().Call(root, "AGetProp", Value::Nested({Value::Text(name), Value::Text(which)}));
     return p.result.isNested() && p.result.count() == 2 ? p.result[1] : Value();
   };
-  Value srvDer = Der(Certs::Get().File("srv.pem")), cltDer = Der(Certs::Get().File("client.pem"));
+  Value srvDer = Certs::Get().Bytes("srv.der"), cltDer = Certs::Get().Bytes("client.der");
   ASSERT_EQ(prop(client.root, c, "PeerCert").count(), 1u) << prop(client.root, c, "PeerCert").Describe();
   EXPECT_EQ(prop(client.root, c, "PeerCert")[0], srvDer);
   EXPECT_EQ(prop(client.root, c, "OwnCert")[0], cltDer);

@@ -1,7 +1,8 @@
 // Certificates made at run time for the TLS tests, once a process: a test
 // CA, a server certificate for localhost and 127.0.0.1, an expired one, one
 // for another host name, a client certificate, and one with the serial
-// number 255. Keys never leave the
+// number 255; each in PEM and DER, and the server's key in DER and with its
+// certificate in PKCS #12 (password "secret"). Keys never leave the
 // temporary directory, which goes at exit.
 #pragma once
 
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -25,8 +27,19 @@ class Certs {
     return c;
   }
   bool ok() const { return ok_; }
-  // A file of the set: "ca.pem", "srv.pem", "srv.key", "expired.pem", ...
+  // A file of the set: "ca.pem", "srv.pem", "srv.key", "srv.der", ...
   std::string File(const std::string& name) const { return dir_ + "/" + name; }
+  // A file's bytes: Read("srv.der") is the server's certificate in DER.
+  std::string Read(const std::string& name) const {
+    std::ifstream f(File(name), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+  }
+  // The same as a vector of 1-byte integers, as the library takes and
+  // gives certificates.
+  host::Value Bytes(const std::string& name) const {
+    std::string s = Read(name);
+    return host::Value::Int8s(std::vector<int8_t>(s.begin(), s.end()));
+  }
   // A directory holding only the CA, for "RootCertDir".
   std::string Roots() const { return dir_ + "/roots"; }
   // An empty directory: nothing is trusted but what the system trusts.
@@ -72,7 +85,11 @@ class Certs {
                               std::string(since)) &&
            Sign("client", "cn = \"Pelko Test Client\"\ntls_www_client\nsigning_key\nexpiration_days = 30\n" +
                               std::string(since)) &&
-           Run("mkdir -p '" + Roots() + "' '" + NoRoots() + "' && cp '" + File("ca.pem") + "' '" + Roots() + "/'");
+           Run("mkdir -p '" + Roots() + "' '" + NoRoots() + "' && cp '" + File("ca.pem") + "' '" + Roots() + "/'") &&
+           Run("cd '" + dir_ + "' && for c in ca srv expired client serial; do certtool --certificate-info --outder "
+               "--infile $c.pem --outfile $c.der || exit 1; done && certtool -k --outder --infile srv.key --outfile "
+               "srv.key.der && certtool --to-p12 --load-certificate srv.pem --load-privkey srv.key --outder "
+               "--password secret --p12-name srv --outfile srv.p12");
   }
 
   std::string dir_;
@@ -102,20 +119,5 @@ inline std::vector<host::Value> Anonymous() {
   using host::Value;
   return {Opt("PublicCertFile", Value::Nested({Value::Text("DER"), Value::Text(""), Value::Int(0)}))};
 }
-
-// Whether a server that requires (flags 128) or requests (64) client
-// certificates serves a client that presents one or none.
-struct ClientCertCase {
-  const char* what;
-  int serverFlags;
-  bool clientPresents;
-  bool served;
-};
-inline const ClientCertCase kClientCertCases[] = {
-    {"required and given", 128, true, true},
-    {"required and absent", 128, false, false},
-    {"requested and absent", 64, false, true},
-    {"requested and given", 64, true, true},
-};
 
 }  // namespace tlstest
