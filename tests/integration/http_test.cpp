@@ -34,6 +34,14 @@ struct Served {
     Event e = Wait(r.root, conn, ms);
     return {e.rc ? "rc " + std::to_string(e.rc) : e.event, Bytes(e.data)};
   }
+  // Whether the listener still takes a new peer and its request.
+  bool StillServes() {
+    host::CallResult a = Lib().Call(r.root, "AGetProp", Value::Nested({Value::Text("S"), Value::Text("LocalAddr")}));
+    Tcp next = Tcp::To((int)a.result[1][3].intAt(0));
+    Event c = Wait(r.root, "S", 3000);
+    next.Write("GET / HTTP/1.1\r\n\r\n");
+    return c.event == "Connect" && Wait(r.root, c.name, 3000).event == "HTTPHeader";
+  }
 };
 
 using Parts = std::vector<std::pair<std::string, std::string>>;
@@ -135,17 +143,13 @@ TEST(HttpReceive, RefusedInputEndsOnlyItsConnection) {
   for (const auto& c : cases) {
     Served s("HttpRefuse", {Opt("BufferSize", Value::Int(128))});
     s.peer.Write(c.first);
+    // A header that was cut before the refusal may reach the host first.
     Event e = Wait(s.r.root, s.conn, 3000);
+    if (e.event == "HTTPHeader") e = Wait(s.r.root, s.conn, 3000);
     EXPECT_EQ(e.event, "Error");
     EXPECT_EQ(e.data.intAt(0), c.second);
     EXPECT_TRUE(s.peer.Closed());
-    host::CallResult a = Lib().Call(s.r.root, "AGetProp", Value::Nested({Value::Text("S"), Value::Text("LocalAddr")}));
-    Tcp next = Tcp::To((int)a.result[1][3].intAt(0));
-    Event c2 = Wait(s.r.root, "S", 3000);
-    ASSERT_EQ(c2.event, "Connect");
-    next.Write("GET / HTTP/1.1\r\n\r\n");
-    Event h = Wait(s.r.root, c2.name, 3000);
-    EXPECT_EQ(h.event, "HTTPHeader");
+    EXPECT_TRUE(s.StillServes());
   }
 }
 
@@ -372,11 +376,7 @@ void UnallocatableBody() {
     Event e = Wait(s.r.root, s.conn, 3000);
     if (e.event == "HTTPHeader") e = Wait(s.r.root, s.conn, 3000);
     if (e.event != "Error" || e.data.intAt(0) != 1012 || !s.peer.Closed()) _exit(4);
-    host::CallResult a = Lib().Call(s.r.root, "AGetProp", Value::Nested({Value::Text("S"), Value::Text("LocalAddr")}));
-    Tcp next = Tcp::To((int)a.result[1][3].intAt(0));
-    Event c = Wait(s.r.root, "S", 3000);
-    next.Write("GET / HTTP/1.1\r\n\r\n");
-    if (c.event != "Connect" || Wait(s.r.root, c.name, 3000).event != "HTTPHeader") _exit(5);
+    if (!s.StillServes()) _exit(5);
   }
   _exit(0);
 }
@@ -385,50 +385,5 @@ TEST(HttpReceiveDeathTest, UnallocatableSizeEndsOnlyItsConnection) {
   EXPECT_EXIT(UnallocatableBody(), testing::ExitedWithCode(0), "");
 }
 #endif
-
-}  // namespace
-
-namespace {
-
-// Both ends in the library: a request composed by one root is decoded by
-// the other, and the answer, a file and then chunks, comes back decoded.
-TEST(HttpBothSides, RequestAndAnswersBetweenTwoRoots) {
-  Roots server("HttpPairS"), client("HttpPairC");
-  std::string c = Open(client.root, "C", "http", Serve(server.root, "S", "http"));
-  Event accepted = Wait(server.root, "S", 3000);
-  ASSERT_EQ(accepted.event, "Connect");
-  const std::string conn = accepted.name;
-  EXPECT_EQ(cmdtest::SetProp(server.root, conn, "DecodeBuffers", Value::Int(1 | 8)), 0);
-  EXPECT_EQ(cmdtest::SetProp(client.root, c, "DecodeBuffers", Value::Int(1 | 2 | 4 | 8)), 0);
-
-  ASSERT_EQ(Code(cmdtest::Send(client.root, c,
-                               Value::Nested({Value::Text("POST"), Value::Text("/echo"), Value::Text("HTTP/1.1"),
-                                              Rows({{"Host", "localhost"}}), Value::Text("ping")}))),
-            0);
-  Event h = Wait(server.root, conn, 3000);
-  ASSERT_EQ(h.event, "HTTPHeader");
-  EXPECT_EQ(h.data[1].text(), "/echo");
-  EXPECT_EQ(RowsOf(h.data[3]), (std::vector<std::pair<std::string, std::string>>{{"Host", "localhost"}, {"Content-Length", "4"}}));
-  EXPECT_EQ(Wait(server.root, conn, 3000).data, Value::Text("ping"));
-
-  const std::string file = TempFile("file body");
-  ASSERT_EQ(Code(cmdtest::Send(server.root, conn, Value::Nested({Value::Text("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n"), Value::Text(file)}))), 0);
-  h = Wait(client.root, c, 3000);
-  ASSERT_EQ(h.event, "HTTPHeader");
-  EXPECT_EQ(h.data[0].text() + " " + h.data[1].text() + " " + h.data[2].text(), "HTTP/1.1 200 OK");
-  EXPECT_EQ(Wait(client.root, c, 3000).data, Value::Text("file body"));
-  unlink(file.c_str());
-
-  for (const Value& v : {Value::Text("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"),
-                         Value::Nested({Value::Text("first"), Rows({})}), Value::Nested({Value::Text("second"), Rows({})}),
-                         Value::Nested({Value::Text(""), Rows({{"Done", "yes"}})})})
-    ASSERT_EQ(Code(cmdtest::Send(server.root, conn, v)), 0);
-  EXPECT_EQ(Wait(client.root, c, 3000).event, "HTTPHeader");
-  EXPECT_EQ(Wait(client.root, c, 3000).data[0], Value::Text("first"));
-  EXPECT_EQ(Wait(client.root, c, 3000).data[0], Value::Text("second"));
-  Event t = Wait(client.root, c, 3000);
-  EXPECT_EQ(t.event, "HTTPTrailer");
-  EXPECT_EQ(RowsOf(t.data), (std::vector<std::pair<std::string, std::string>>{{"Done", "yes"}}));
-}
 
 }  // namespace
