@@ -80,32 +80,17 @@ TEST(Serve, FilesTypesAndNothingFromOutside) {
   // HEAD: the length, no body.
   std::string head = Curl("-I '" + s.Url("/bin.png") + "'");
   EXPECT_NE(head.find("Content-Length: 5000\r\n"), std::string::npos) << head;
-  // Two requests on one kept-alive connection.
-  EXPECT_EQ(TwoRequests(s, ""), "1\n0\n");
+  // Two requests on one connection, kept alive or closed as asked: the
+  // connections opened by the first request, then by the second.
+  for (auto [args, connects] : {std::make_pair("", "1\n0\n"), std::make_pair("-H 'Connection: close'", "1\n1\n"),
+                                std::make_pair("-0", "1\n1\n"), std::make_pair("-0 -H 'Connection: keep-alive'", "1\n0\n")}) {
+    SCOPED_TRACE(args);
+    EXPECT_EQ(TwoRequests(s, args), connects);
+  }
   // One access-log line a request, and a clean end on Ctrl-C.
   std::string log = s.ReadUntil("\"GET /in HTTP/1.1\" 200 6", 3000);
   EXPECT_NE(log.find("\"GET /nothing HTTP/1.1\" 404"), std::string::npos) << log;
   EXPECT_EQ(s.Stop(), 0);
-}
-
-TEST(Serve, ConnectionsKeptOrClosedAsAsked) {
-  if (!Have("curl")) GTEST_SKIP() << "no curl";
-  Site site;
-  ServeProcess s(site.dir);
-  ASSERT_GT(s.port(), 0);
-  struct Case {
-    const char* args;
-    const char* connects;  // by the first request, then the second
-  } cases[] = {
-      {"", "1\n0\n"},
-      {"-H 'Connection: close'", "1\n1\n"},
-      {"-0", "1\n1\n"},
-      {"-0 -H 'Connection: keep-alive'", "1\n0\n"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.args);
-    EXPECT_EQ(TwoRequests(s, c.args), c.connects);
-  }
 }
 
 // Requests written byte for byte: the answer's status line, a line its

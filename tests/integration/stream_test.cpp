@@ -168,17 +168,6 @@ TEST(Raw, EmptyStopTextsAreDropped) {
   Cut(r.root, conn, peer, "\n", "b\n");
 }
 
-TEST(Raw, StopListOnWrongModeFailsAndLeavesTheListener) {
-  Roots r("RawWrong");
-  host::CallResult res = Lib().Call(
-      r.root, "ASrv",
-      Value::Nested({Opt("Name", Value::Text("B")), Opt("Address", Value::Text("127.0.0.1")),
-                     Opt("Port", Value::Text("0")), Opt("Mode", Value::Text("blkraw")), Opt("EOM", Strings({"X"}))}));
-  EXPECT_EQ(Code(res), 1008);  // ERR_INVALID_OBJECT
-  host::CallResult a = Lib().Call(r.root, "AGetProp", Value::Nested({Value::Text("B"), Value::Text("LocalAddr")}));
-  EXPECT_EQ(Code(a), 0);
-}
-
 // A block as a peer writes it.
 std::string BlockBytes(const std::string& data, uint32_t magic, uint32_t length = 0) {
   size_t head = magic ? 8 : 4;

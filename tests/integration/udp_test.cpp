@@ -48,27 +48,6 @@ TEST(Udp, DatagramsLandUnderOneNodePerPeer) {
   Lib().Call(root, "AClose", Value::Text("."));
 }
 
-TEST(Udp, MaxOldDropsIntoTheNextDatagram) {
-  std::string root = pelkotest::NewRoot("UdpOld");
-  int port = Serve(root, "U", "udp", {Opt("Protocol", Value::Text("ipv4"))});
-  EXPECT_EQ(cmdtest::SetProp(root, "U", "MaxOld", Value::Int(1)), 0);
-  Udp a;
-  // Each datagram gets a round of its own; wait for the peer node to hold
-  // two before the third comes.
-  a.SendTo(port, "d1");
-  a.SendTo(port, "d2");
-  usleep(100000);
-  a.SendTo(port, "d3");
-  usleep(100000);
-  EXPECT_EQ(Bytes(Wait(root, "U", 3000).data), "d1");
-  EXPECT_EQ(Bytes(Wait(root, "U", 3000).data), "d2");
-  EXPECT_EQ(Wait(root, "U", 200).rc, 100);
-  // The dropped one stayed in the buffer and rides with the next.
-  a.SendTo(port, "d4");
-  EXPECT_EQ(Bytes(Wait(root, "U", 3000).data), "d3d4");
-  Lib().Call(root, "AClose", Value::Text("."));
-}
-
 TEST(Udp, DroppedDatagramsThatFillTheBufferDontStallIt) {
   std::string root = pelkotest::NewRoot("UdpFull");
   int port = Serve(root, "U", "udp", {Opt("Protocol", Value::Text("ipv4")), Opt("BufferSize", Value::Int(8))});

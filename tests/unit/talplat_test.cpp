@@ -1,4 +1,4 @@
-// Threads, semaphores, timed waits, sleeping and the version banner.
+// Threads, semaphores, timed waits, kept big blocks, libraries and interfaces.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -101,17 +101,6 @@ TEST(TalThread, DestructorOfRunningThreadCancelsIt) {
   delete t;  // cancels the parked thread instead of leaving it blocked
   for (int i = 0; i < 2000 && Threads() > before; i++) TALSleep(1000.0);
   EXPECT_EQ(Threads(), before);
-}
-
-TEST(TalPlat, VersionBannerAndSocketHook) {
-  char buf[64];
-  memset(buf, 'x', sizeof buf);
-  EXPECT_EQ(GetDLLVersion(buf, 0), 0);
-  EXPECT_EQ(strncmp(buf, "Pelko version 3.1.1479.0", 24), 0);
-  EXPECT_LT(strlen(buf), 58u);
-  void* p = &buf;
-  EXPECT_EQ(InitSocket(&p), 0);
-  EXPECT_EQ(p, nullptr);
 }
 
 // Large blocks given back are kept for a later request they fit without

@@ -116,10 +116,4 @@ TEST(WsHandover, AcceptOnAHostThreadWhileOthersLookTheConnectionUp) {
   VAFree(RunVerb(AClose, root, VAText(".")));
 }
 
-TEST(WsHandover, KeyOfTheProtocolsExample) {
-  char accept[32];
-  EXPECT_EQ(WebSocketKey("dGhlIHNhbXBsZSBub25jZQ==", accept), 28);
-  EXPECT_STREQ(accept, "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=");
-}
-
 }  // namespace
