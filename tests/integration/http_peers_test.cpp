@@ -3,8 +3,6 @@
 // library's client against Python's http.server with a chunked response.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-
 #include <fstream>
 #include <thread>
 
@@ -133,21 +131,15 @@ class H(http.server.BaseHTTPRequestHandler):
         self.send_response(201); self.send_header("Content-Length", str(len(body))); self.end_headers()
         self.wfile.write(body)
 s = http.server.HTTPServer(("127.0.0.1", 0), H)
-import os
-print(s.server_address[1], os.getpid(), flush=True)
+print(s.server_address[1], flush=True)
 s.serve_forever()
 )";
 
 TEST(HttpPeers, TheLibraryClientAgainstPythonsServer) {
   if (!Have("/usr/bin/python3")) GTEST_SKIP() << "no python3";
-  std::string script = "/tmp/pelkohttpserver.py";
-  std::ofstream(script) << kPython;
-  FILE* p = popen(("exec timeout 60 /usr/bin/python3 " + script).c_str(), "r");
-  ASSERT_NE(p, nullptr);
-  char line[32] = "";
-  ASSERT_TRUE(fgets(line, sizeof line, p));
-  int port = 0, pid = 0;
-  sscanf(line, "%d %d", &port, &pid);
+  servetest::HostProcess python("/usr/bin/timeout", {"timeout", "60", "/usr/bin/python3", "-c", kPython});
+  int port = atoi(python.Line(10000).c_str());
+  ASSERT_GT(port, 0) << python.ReadUntil("", 0);
   Roots r("HttpPyClient");
   std::string c = Open(r.root, "C", "http", port);
   EXPECT_EQ(cmdtest::SetProp(r.root, c, "DecodeBuffers", Value::Int(1 | 2 | 4 | 8)), 0);
@@ -171,10 +163,6 @@ TEST(HttpPeers, TheLibraryClientAgainstPythonsServer) {
   h = get("POST", "/echo", "posted bytes");
   EXPECT_EQ(h.data[1].text(), "201");
   EXPECT_EQ(Wait(r.root, c, 3000).data, Value::Text("posted bytes"));
-  Lib().Call(r.root, "AClose", Value::Text("."));
-  if (pid > 0) kill(pid, SIGTERM);
-  pclose(p);
-  unlink(script.c_str());
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// `pelkohost` as a child process for the tests: `serve` on a free port
-// over a directory, `link` with its standard input as a pipe.
+// Child processes for the tests: `pelkohost serve` on a free port over a
+// directory, `pelkohost link` with its standard input as a pipe, and the
+// real peers the library is tested against.
 #pragma once
 
 #include <fcntl.h>
@@ -51,41 +52,50 @@ inline std::string StartBrowser(const std::string& dir, const std::string& url, 
 
 inline void EndBrowser(const std::string& profile) { Shell("pkill -f 'user-data-dir=" + profile + "'"); }
 
-// `pelkohost` with arguments as a child process: what it prints is
+// A program as a child process: what it prints, output and errors, is
 // collected as it runs, its standard input is a pipe of the test's, and it
 // is ended with Ctrl-C as a person would end it.
 class HostProcess {
  public:
+  // `pelkohost` with arguments, with HOME set when home is given.
   explicit HostProcess(std::vector<std::string> args, std::string home = "") {
     args.insert(args.begin(), PELKOHOST_PATH);
     std::vector<std::pair<std::string, std::string>> env = {{"PELKO_LIBRARY", PELKO_LIBRARY_PATH}};
     if (!home.empty()) env.push_back({"HOME", home});
-    host::Child c = host::Spawn(PELKOHOST_PATH, args, env);
-    pid_ = c.pid;
-    fd_ = c.out;
-    in_ = c.in;
+    Start(PELKOHOST_PATH, args, env);
   }
+  // Another program: its path, and its arguments from argv[0] on.
+  HostProcess(const std::string& path, const std::vector<std::string>& argv) { Start(path, argv, {}); }
   ~HostProcess() {
     Stop();
     if (fd_ >= 0) close(fd_);
-    if (in_ >= 0) close(in_);
+    CloseInput();
   }
   pid_t pid() const { return pid_; }
   // Writes to the child's standard input.
-  void Write(const std::string& text) {
-    if (in_ >= 0 && write(in_, text.data(), text.size()) < 0) perror("write");
+  bool Write(const std::string& text) {
+    return in_ >= 0 && write(in_, text.data(), text.size()) == (ssize_t)text.size();
+  }
+  void CloseInput() {
+    if (in_ >= 0) close(in_);
+    in_ = -1;
   }
   // Reads the output until text appears in it or ms pass; gives all read.
   std::string ReadUntil(const std::string& text, int ms) {
-    for (int waited = 0; log_.find(text) == std::string::npos && waited < ms; waited += 50) {
-      pollfd p = {fd_, POLLIN, 0};
-      if (poll(&p, 1, 50) != 1) continue;
-      char buf[4096];
-      ssize_t n = read(fd_, buf, sizeof buf);
-      if (n <= 0) break;
-      log_.append(buf, (size_t)n);
+    for (int waited = 0; log_.find(text) == std::string::npos && waited < ms && Pull(); waited += 50) {
     }
     return log_;
+  }
+  // The next line of the output not yet taken, without its end; "" when
+  // none comes within ms.
+  std::string Line(int ms) {
+    for (int waited = 0; log_.find('\n', taken_) == std::string::npos && waited < ms && Pull(); waited += 50) {
+    }
+    size_t end = log_.find('\n', taken_);
+    if (end == std::string::npos) return "";
+    std::string line = log_.substr(taken_, end - taken_);
+    taken_ = end + 1;
+    return line;
   }
   // Whether text appeared after the first `from` bytes of the output.
   bool Saw(const std::string& text, int ms, size_t from = 0) {
@@ -105,6 +115,7 @@ class HostProcess {
       }
       usleep(50000);
     }
+    kill(-pid_, SIGKILL);  // its group, where it leads one
     kill(pid_, SIGKILL);
     waitpid(pid_, &st, 0);
     pid_ = -1;
@@ -131,11 +142,30 @@ class HostProcess {
   }
 
  private:
+  void Start(const std::string& path, const std::vector<std::string>& argv,
+             const std::vector<std::pair<std::string, std::string>>& env) {
+    signal(SIGPIPE, SIG_IGN);  // a child that has gone fails a write instead
+    host::Child c = host::Spawn(path, argv, env);
+    pid_ = c.pid;
+    fd_ = c.out;
+    in_ = c.in;
+  }
+  // Waits up to 50 ms for output and takes it; false once it has ended.
+  bool Pull() {
+    pollfd p = {fd_, POLLIN, 0};
+    if (poll(&p, 1, 50) != 1) return true;
+    char buf[4096];
+    ssize_t n = read(fd_, buf, sizeof buf);
+    if (n > 0) log_.append(buf, (size_t)n);
+    return n > 0;
+  }
+
   pid_t pid_ = -1;
   int fd_ = -1;
   int in_ = -1;
   int status_ = -1;
   std::string log_;
+  size_t taken_ = 0;
 };
 
 // `pelkohost serve` on a free port over a directory; the first line of its

@@ -2,14 +2,8 @@
 // Python's ssl as clients of a library server, openssl s_server,
 // gnutls-serv and Python's ssl as servers for a library client. Each peer
 // is a child process on loopback, bounded by `timeout`, killed and reaped.
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <chrono>
-#include <fstream>
-
 #include "host/link.h"
+#include "servepeer.h"
 #include "streampeer.h"
 #include "tlscerts.h"
 
@@ -23,81 +17,17 @@ using tlstest::With;
 
 std::string File(const char* name) { return Certs::Get().File(name); }
 
-// A peer program under `timeout 60` in its own process group (timeout makes
-// one): input through a pipe, output and errors together through another.
-class Child {
- public:
-  explicit Child(std::vector<std::string> args) {
-    signal(SIGPIPE, SIG_IGN);
-    args.insert(args.begin(), {"timeout", "60"});
-    int in[2], out[2];
-    if (pipe(in) || pipe(out)) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(in[0], 0);
-      dup2(out[1], 1);
-      dup2(out[1], 2);
-      for (int fd : {in[0], in[1], out[0], out[1]}) close(fd);
-      std::vector<char*> argv;
-      for (std::string& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execvp(argv[0], argv.data());
-      _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    in_ = in[1];
-    out_ = out[0];
-    fcntl(out_, F_SETFL, O_NONBLOCK);
-  }
-  ~Child() {
-    CloseInput();
-    if (pid_ > 0 && !Exited(0)) {
-      kill(-pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    if (out_ >= 0) close(out_);
-  }
-  bool Write(const std::string& s) { return in_ >= 0 && write(in_, s.data(), s.size()) == (ssize_t)s.size(); }
-  void CloseInput() {
-    if (in_ >= 0) close(in_);
-    in_ = -1;
-  }
-  // Whether the output holds `text` within ms milliseconds.
-  bool Await(const std::string& text, int ms = 5000) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (text_.find(text) == std::string::npos) {
-      int left = (int)std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
-      pollfd p = {out_, POLLIN, 0};
-      if (left <= 0 || poll(&p, 1, left) != 1 || !Pull()) return false;
-    }
-    return true;
-  }
-  // Whether the program ended within ms milliseconds (reaped if so).
-  bool Exited(int ms) {
-    for (int waited = 0; pid_ > 0; waited += 10) {
-      while (Pull()) {
-      }
-      if (waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
-      else if (waited >= ms) return false;
-      else usleep(10000);
-    }
-    return true;
-  }
-  const std::string& output() const { return text_; }
-
- private:
-  // Takes what output there is without waiting; false when there is none.
-  bool Pull() {
-    char buf[4096];
-    ssize_t r = out_ >= 0 ? read(out_, buf, sizeof buf) : -1;
-    if (r > 0) text_.append(buf, (size_t)r);
-    return r > 0;
-  }
-
-  pid_t pid_ = -1;
-  int in_ = -1, out_ = -1;
-  std::string text_;
+// A peer program under `timeout 60`, in its own process group (timeout
+// makes one).
+std::vector<std::string> Timed(std::vector<std::string> args) {
+  args.insert(args.begin(), {"timeout", "60"});
+  return args;
+}
+struct Child : servetest::HostProcess {
+  explicit Child(std::vector<std::string> args) : HostProcess("/usr/bin/timeout", Timed(args)) {}
+  std::string output() { return ReadUntil("", 0); }
+  bool Await(const std::string& text) { return Saw(text, 5000); }
+  bool Exited(int ms) { return Wait(ms) != -2; }
 };
 
 // The first certificate of a connection's "PeerCert" as bytes.

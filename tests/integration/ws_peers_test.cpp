@@ -3,9 +3,7 @@
 // text, binary, fragmented messages, pings and closes.
 #include <gtest/gtest.h>
 
-#include <signal.h>
 
-#include <fstream>
 #include <thread>
 
 #include "servepeer.h"
@@ -16,30 +14,13 @@ namespace {
 using namespace streamtest;
 using servetest::Have;
 
-// A peer script run as a child; its lines are read as it prints them.
-class Script {
- public:
-  Script(const std::string& interpreter, const std::string& text, const std::string& args) {
-    path_ = "/tmp/pelkowspeer" + std::to_string(getpid()) + std::to_string(counter_++);
-    std::ofstream(path_) << text;
-    p_ = popen(("exec timeout 30 " + interpreter + " " + path_ + " " + args + " 2>&1").c_str(), "r");
-  }
-  ~Script() {
-    if (p_) pclose(p_);
-    unlink(path_.c_str());
-  }
-  std::string Line() {
-    char buf[4096] = "";
-    if (!p_ || !fgets(buf, sizeof buf, p_)) return "";
-    std::string s = buf;
-    if (!s.empty() && s.back() == '\n') s.pop_back();
-    return s;
-  }
-
- private:
-  static inline int counter_ = 0;
-  std::string path_;
-  FILE* p_ = nullptr;
+// A peer script given to its interpreter on the command line, under
+// `timeout 30`; its lines are read as it prints them.
+struct Script : servetest::HostProcess {
+  Script(const std::string& interpreter, const char* text, const std::string& arg)
+      : HostProcess("/usr/bin/timeout", {"timeout", "30", interpreter,
+                                         interpreter.find("node") != std::string::npos ? "-e" : "-c", text, arg}) {}
+  std::string Line() { return HostProcess::Line(30000); }
 };
 
 // A library server that upgrades by itself and echoes each message: a
@@ -104,7 +85,7 @@ asyncio.run(main())
 
 const char kNodeClient[] = R"(
 const WebSocket = require('/usr/share/nodejs/ws');
-const ws = new WebSocket('ws://127.0.0.1:' + process.argv[2] + '/echo');
+const ws = new WebSocket('ws://127.0.0.1:' + process.argv[1] + '/echo');
 const steps = [() => ws.send('h\u00e9llo'), () => ws.send(Buffer.from([0, 1, 255])),
                () => { ws.send('frag', { fin: false }); setTimeout(() => ws.send('ments', { fin: true }), 200); }];
 let i = 0;
