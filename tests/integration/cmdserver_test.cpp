@@ -17,8 +17,8 @@ Value Range(const char* kind, const char* list) {
 // Whether a client from 127.0.0.1 gets through a server with these ranges:
 // the server reports "Connect", or the client sees its connection closed.
 bool Admitted(std::vector<Value> ranges) {
-  std::string srv = pelkotest::NewRoot("RANGES");
-  std::string clt = pelkotest::NewRoot("RANGEC");
+  pelkotest::Root srv("RANGES");
+  pelkotest::Root clt("RANGEC");
   int port = Serve(srv, "S", std::move(ranges));
   EXPECT_EQ(Code(Connect(clt, "C", port)), 0);
   Event s = Wait(srv, "", 150);
@@ -28,8 +28,6 @@ bool Admitted(std::vector<Value> ranges) {
     EXPECT_EQ(c.name, "C");
     EXPECT_EQ(c.data, Value::Int(1119));
   }
-  Lib().Call(clt, "AClose", Value::Text("."));
-  Lib().Call(srv, "AClose", Value::Text("."));
   return in;
 }
 
@@ -43,7 +41,7 @@ TEST(CommandServer, AllowAndDenyRanges) {
   EXPECT_FALSE(Admitted({Opt("AllowEndpoints", Range("ipv4", "127.0.0.1")),
                          Opt("DenyEndpoints", Range("ipv4", "127.0.0.0/24"))}));
 
-  std::string r = pelkotest::NewRoot("RANGEBAD");
+  pelkotest::Root r("RANGEBAD");
   auto open = [&](Value range) {
     return Code(Lib().Call(r, "ASrv", Value::Nested({Opt("Name", Value::Text("")), Opt("Port", Value::Text("0")),
                                                      Opt("AllowEndpoints", std::move(range))})));
@@ -51,11 +49,10 @@ TEST(CommandServer, AllowAndDenyRanges) {
   EXPECT_EQ(open(Range("ipx", "1.2.3.4")), 1037);
   EXPECT_EQ(open(Value::Ints({1, 2})), 1037);
   EXPECT_EQ(open(Range("ipv4", "1.2.3.x")), 1132);
-  Lib().Call(r, "AClose", Value::Text("."));
 }
 
 TEST(CommandServer, OpeningVerbs) {
-  std::string r = pelkotest::NewRoot("OPEN");
+  pelkotest::Root r("OPEN");
   auto srv = [&](std::vector<Value> opts) { return Lib().Call(r, "ASrv", Value::Nested(opts)); };
   // Generated names share the root's counter with clients.
   host::CallResult a = srv({Opt("Name", Value::Text("")), Opt("Port", Value::Text("0"))});
@@ -88,12 +85,11 @@ TEST(CommandServer, OpeningVerbs) {
   // A port nobody listens on: the connect fails in the verb.
   EXPECT_NE(Code(Connect(r, "nobody", 1)), 0);
   EXPECT_EQ(Code(Lib().Call(r, "ATree", Value::Text("nobody"))), 1010);
-  Lib().Call(r, "AClose", Value::Text("."));
 }
 
 TEST(CommandServer, PauseAndResume) {
-  std::string srv = pelkotest::NewRoot("PAUSES");
-  std::string clt = pelkotest::NewRoot("PAUSEC");
+  pelkotest::Root srv("PAUSES");
+  pelkotest::Root clt("PAUSEC");
   int port = Serve(srv, "S");
   EXPECT_EQ(SetProp(srv, "S", "Pause", Value::Int(0)), 1103);  // not paused
   EXPECT_EQ(SetProp(srv, "S", "Pause", Value::Int(3)), 1037);
@@ -118,8 +114,6 @@ TEST(CommandServer, PauseAndResume) {
   Event e = Wait(srv, "", 2000);
   while (e.rc == 0 && e.event != "Connect") e = Wait(srv, "", 2000);
   EXPECT_EQ(e.event, "Connect");
-  Lib().Call(clt, "AClose", Value::Text("."));
-  Lib().Call(srv, "AClose", Value::Text("."));
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ void ExpectHeader(const std::string& h, uint32_t length, uint32_t type, const st
 }
 
 TEST(CommandWire, ToTheServerAndBack) {
-  std::string srv = pelkotest::NewRoot("WIRES");
+  pelkotest::Root srv("WIRES");
   int port = Serve(srv, "S");
   Peer peer = Peer::To(port);
   Event c = Wait(srv, "", 2000);
@@ -52,11 +52,10 @@ TEST(CommandWire, ToTheServerAndBack) {
   ExpectHeader(got, (uint32_t)(115 + ok.size()), 3, "wire", "");
   // The host's block goes to the wire as it is.
   EXPECT_EQ(got.substr(115), ok);
-  Lib().Call(srv, "AClose", Value::Text("."));
 }
 
 TEST(CommandWire, FromTheClient) {
-  std::string clt = pelkotest::NewRoot("WIREC");
+  pelkotest::Root clt("WIREC");
   Listener l;
   ASSERT_EQ(Code(Connect(clt, "C", l.port())), 0);
   Peer peer = l.Accept();
@@ -86,7 +85,6 @@ TEST(CommandWire, FromTheClient) {
   EXPECT_EQ(e.event, "Receive");
   EXPECT_EQ(e.name, "C." + longName.substr(0, 32));
   EXPECT_EQ(e.data, Value::Text("yes"));
-  Lib().Call(clt, "AClose", Value::Text("."));
 }
 
 // What a server host sees from a peer that sends these bytes: the error
@@ -111,8 +109,8 @@ int32_t Refusal(const std::string& srv, int port, const std::vector<std::string>
 }
 
 TEST(CommandWire, AMisbehavingPeerEndsOnlyItsOwnConnection) {
-  std::string srv = pelkotest::NewRoot("SAFES");
-  std::string clt = pelkotest::NewRoot("SAFEC");
+  pelkotest::Root srv("SAFES");
+  pelkotest::Root clt("SAFEC");
   int port = Serve(srv, "S");
   ASSERT_EQ(Code(Connect(clt, "good", port)), 0);
   ASSERT_EQ(Wait(srv, "", 2000).event, "Connect");
@@ -149,8 +147,6 @@ TEST(CommandWire, AMisbehavingPeerEndsOnlyItsOwnConnection) {
   Event a = Wait(clt, "", 2000);
   EXPECT_EQ(a.event, "Receive");
   EXPECT_EQ(a.data, Value::Text("yes"));
-  Lib().Call(clt, "AClose", Value::Text("."));
-  Lib().Call(srv, "AClose", Value::Text("."));
 }
 
 }  // namespace

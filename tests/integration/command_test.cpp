@@ -192,7 +192,7 @@ TEST(Command, ServerClosesWhileTheClientWaitsForAnAnswer) {
 }
 
 TEST(Command, Timeouts) {
-  std::string r = pelkotest::NewRoot("TIMEOUT");
+  pelkotest::Root r("TIMEOUT");
   ASSERT_EQ(Serve(r, "S") > 0, true);
   EXPECT_EQ(Wait(r, "S", 30).rc, 100);
   EXPECT_EQ(Wait(r, "nothere", 30).rc, 1010);
@@ -206,7 +206,6 @@ TEST(Command, Timeouts) {
   // A strategy out of the table is stored, and the wait still works.
   ASSERT_EQ(SetProp(r, "", "ReadyStrategy", Value::Int(-3)), 0);
   EXPECT_EQ(Wait(r, "", 10).rc, 100);
-  Lib().Call(r, "AClose", Value::Text("."));
 }
 
 // Requests that have arrived whole under the server S, as its tree shows
@@ -226,8 +225,8 @@ size_t Arrived(const std::string& srv) {
 // Connections CON0 and CON1 of one server, each with the requests named
 // in sent; gives the order in which the server's waits hand them over.
 std::vector<std::string> WaitOrder(int strategy, const std::vector<std::vector<std::string>>& sent) {
-  std::string srv = pelkotest::NewRoot("ORDERS");
-  std::string clt = pelkotest::NewRoot("ORDERC");
+  pelkotest::Root srv("ORDERS");
+  pelkotest::Root clt("ORDERC");
   EXPECT_EQ(SetProp(srv, "", "ReadyStrategy", Value::Int(strategy)), 0);
   int port = Serve(srv, "S");
   size_t total = 0;
@@ -251,8 +250,6 @@ std::vector<std::string> WaitOrder(int strategy, const std::vector<std::vector<s
     Event e = Wait(srv, "", 1000);
     order.push_back(e.name.substr(e.name.find('.') + 1));
   }
-  Lib().Call(clt, "AClose", Value::Text("."));
-  Lib().Call(srv, "AClose", Value::Text("."));
   return order;
 }
 

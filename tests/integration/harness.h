@@ -1,5 +1,5 @@
 // Shared by the integration tests: the library under test, opened once for
-// the process through the host toolkit, and fresh root names.
+// the process through the host toolkit, and roots under fresh names.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,5 +35,13 @@ inline std::string NewRoot(const std::string& stem) {
   EXPECT_EQ(Lib().Init(name, PELKO_LIBRARY_PATH), 0) << name;
   return name;
 }
+
+// A root under a fresh name for the scope of a test, closed at its end.
+struct Root {
+  std::string name;
+  explicit Root(const std::string& stem) : name(NewRoot(stem)) {}
+  ~Root() { Lib().Call(name, "AClose", host::Value::Text(".")); }
+  operator const std::string&() const { return name; }
+};
 
 }  // namespace pelkotest

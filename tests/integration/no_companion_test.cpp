@@ -22,8 +22,8 @@ int PlainWorkWithoutCompanion() {
   unsigned inLength = sizeof in, outLength = sizeof out;
   void* ctx = nullptr;
   if (Lib().raw().cflate(2, &ctx, in, &inLength, out, &outLength, 6) != 1205) return 1;
-  std::string srv = pelkotest::NewRoot("NOSSLS");
-  std::string clt = pelkotest::NewRoot("NOSSLC");
+  pelkotest::Root srv("NOSSLS");
+  pelkotest::Root clt("NOSSLC");
   int port = cmdtest::Serve(srv, "S");
   if (port <= 0) return 2;
   if (Code(cmdtest::Connect(clt, "C", port)) != 0) return 3;

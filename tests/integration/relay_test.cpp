@@ -42,7 +42,7 @@ uint64_t ReadPattern(Tcp& t, uint64_t n) {
 }
 
 TEST(Relay, TenMegabytesEachWayThroughARelayPair) {
-  std::string root = pelkotest::NewRoot("Relay");
+  pelkotest::Root root("Relay");
   Listener echo;
   std::thread echoer([&] {
     Tcp t = echo.Accept(5000);
@@ -74,12 +74,12 @@ TEST(Relay, TenMegabytesEachWayThroughARelayPair) {
   EXPECT_NE(tree.result.Format().find("RELAY"), std::string::npos);
   EXPECT_EQ(Wait(root, "", 100).rc, 100);
   c.Close();
-  Lib().Call(root, "AClose", Value::Text("."));
+  Lib().Call(root, "AClose", Value::Text("."));  // X goes, and the echo's read ends
   echoer.join();
 }
 
 TEST(Relay, PiecesForATargetThatWentEndTheSource) {
-  std::string root = pelkotest::NewRoot("RelayGone");
+  pelkotest::Root root("RelayGone");
   Listener far;
   std::string x = Open(root, "X", "raw", far.port());
   Tcp px = far.Accept();
@@ -102,7 +102,6 @@ TEST(Relay, PiecesForATargetThatWentEndTheSource) {
   Event err = Wait(root, e.name, 3000);
   EXPECT_EQ(err.event, "Error");
   EXPECT_EQ(err.data.intAt(0), 1104);  // ERR_SEND
-  Lib().Call(root, "AClose", Value::Text("."));
 }
 
 // Peak resident size of this process in kB, since the last reset.
@@ -138,7 +137,7 @@ struct TempFile {
 TEST(File, HundredMegabytesInRawModeWithFlatMemory) {
   const uint64_t size = 100u << 20;
   TempFile f(size);
-  std::string root = pelkotest::NewRoot("File");
+  pelkotest::Root root("File");
   Listener l;
   std::string x = Open(root, "X", "raw", l.port());
   Tcp peer = l.Accept();
@@ -150,12 +149,11 @@ TEST(File, HundredMegabytesInRawModeWithFlatMemory) {
   long after = PeakKb();
   printf("[ peak RSS ] before %ld kB, after sending 100 MB %ld kB\n", before, after);
   EXPECT_LT(after - before, 16 * 1024);
-  Lib().Call(root, "AClose", Value::Text("."));
 }
 
 TEST(File, FilenameFormAndBlockHeaderAndAShrinkingFile) {
   TempFile f(300000);
-  std::string root = pelkotest::NewRoot("FileBlk");
+  pelkotest::Root root("FileBlk");
   Listener l;
   std::string b = Open(root, "B", "blkraw", l.port(), {Opt("Magic", Value::Int(9))});
   Tcp pb = l.Accept();
@@ -182,7 +180,6 @@ TEST(File, FilenameFormAndBlockHeaderAndAShrinkingFile) {
   EXPECT_EQ(all.substr(0, 2), "hd");
   EXPECT_LT(all.size(), 8u << 20);
   EXPECT_EQ(all.substr(all.size() - 5), "after");
-  Lib().Call(root, "AClose", Value::Text("."));
 }
 
 }  // namespace

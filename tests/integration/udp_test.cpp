@@ -9,7 +9,7 @@ namespace {
 using namespace streamtest;
 
 TEST(Udp, DatagramsLandUnderOneNodePerPeer) {
-  std::string root = pelkotest::NewRoot("UdpPeers");
+  pelkotest::Root root("UdpPeers");
   int port = Serve(root, "U", "udp", {Opt("Protocol", Value::Text("ipv4"))});
   ASSERT_NE(port, 0);
   Udp a, b;
@@ -45,11 +45,10 @@ TEST(Udp, DatagramsLandUnderOneNodePerPeer) {
   EXPECT_EQ(b.Recv(), "back");
   EXPECT_EQ(Code(cmdtest::Send(root, e1.name, Value::Text("again"))), 0);
   EXPECT_EQ(a.Recv(), "again");
-  Lib().Call(root, "AClose", Value::Text("."));
 }
 
 TEST(Udp, DroppedDatagramsThatFillTheBufferDontStallIt) {
-  std::string root = pelkotest::NewRoot("UdpFull");
+  pelkotest::Root root("UdpFull");
   int port = Serve(root, "U", "udp", {Opt("Protocol", Value::Text("ipv4")), Opt("BufferSize", Value::Int(8))});
   EXPECT_EQ(cmdtest::SetProp(root, "U", "MaxOld", Value::Int(1)), 0);
   Udp a;
@@ -68,11 +67,10 @@ TEST(Udp, DroppedDatagramsThatFillTheBufferDontStallIt) {
   EXPECT_EQ(Bytes(Wait(root, "U", 3000).data), "d2");
   a.SendTo(port, "dd");
   EXPECT_EQ(Bytes(Wait(root, "U", 3000).data), "ccdd");
-  Lib().Call(root, "AClose", Value::Text("."));
 }
 
 TEST(Udp, ClientNamesItsPeer) {
-  std::string root = pelkotest::NewRoot("UdpClt");
+  pelkotest::Root root("UdpClt");
   Udp far;
   std::string name = Open(root, "C", "udp", far.port(), {Opt("Protocol", Value::Text("ipv4"))});
   char hex[5];
@@ -82,7 +80,6 @@ TEST(Udp, ClientNamesItsPeer) {
   EXPECT_EQ(far.Recv(), "ping");
   // A datagram's send flag is ignored: no "Sent" follows.
   EXPECT_EQ(Wait(root, name, 200).rc, 100);
-  Lib().Call(root, "AClose", Value::Text("."));
 }
 
 }  // namespace
