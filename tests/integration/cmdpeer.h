@@ -80,6 +80,12 @@ inline int32_t Code(const host::CallResult& r) {
   return (int32_t)(r.result.isNested() ? r.result[0].intAt(0) : r.result.intAt(0));
 }
 
+// The port of an object's "LocalAddr", or 0.
+inline int LocalPort(const std::string& root, const std::string& name) {
+  host::CallResult a = Lib().Call(root, "AGetProp", Value::Nested({Value::Text(name), Value::Text("LocalAddr")}));
+  return Code(a) == 0 ? (int)a.result[1][3].intAt(0) : 0;
+}
+
 // Opens a command server on an ephemeral loopback port; gives its port.
 inline int Serve(const std::string& root, const std::string& name, std::vector<Value> extra = {}) {
   std::vector<Value> opts = {Opt("Name", Value::Text(name)), Opt("Address", Value::Text("127.0.0.1")),
@@ -87,9 +93,7 @@ inline int Serve(const std::string& root, const std::string& name, std::vector<V
   for (Value& v : extra) opts.push_back(std::move(v));
   host::CallResult r = Lib().Call(root, "ASrv", Value::Nested(opts));
   EXPECT_EQ(Code(r), 0) << r.result.Format();
-  host::CallResult a = Lib().Call(root, "AGetProp", Value::Nested({Value::Text(name), Value::Text("LocalAddr")}));
-  if (Code(a) != 0) return 0;
-  return (int)a.result[1][3].intAt(0);
+  return LocalPort(root, name);
 }
 
 // Opens a command client; gives the verb's result (0 and the name, or a code).

@@ -59,9 +59,7 @@ TEST(CommandServer, OpeningVerbs) {
   ASSERT_EQ(Code(a), 0);
   std::string first = a.result[1].text();
   EXPECT_EQ(first.substr(0, 3), "SRV");
-  int port = (int)Lib().Call(r, "AGetProp", Value::Nested({Value::Text(first), Value::Text("LocalAddr")}))
-                 .result[1][3].intAt(0);
-  host::CallResult c = Connect(r, "", port);
+  host::CallResult c = Connect(r, "", LocalPort(r, first));
   ASSERT_EQ(Code(c), 0);
   host::CallResult b = srv({Opt("Name", Value::Text("")), Opt("Port", Value::Text("0"))});
   unsigned n1 = std::stoul(first.substr(3)), n2 = std::stoul(c.result[1].text().substr(3)),
@@ -108,9 +106,7 @@ TEST(CommandServer, PauseAndResume) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(SetProp(srv, "S", "Pause", Value::Int(2)), 0);  // stays paused
   ASSERT_EQ(SetProp(srv, "S", "Pause", Value::Int(0)), 0);
-  host::CallResult a = Lib().Call(srv, "AGetProp", Value::Nested({Value::Text("S"), Value::Text("LocalAddr")}));
-  int port2 = (int)a.result[1][3].intAt(0);
-  ASSERT_EQ(Code(Connect(clt, "B", port2)), 0);
+  ASSERT_EQ(Code(Connect(clt, "B", LocalPort(srv, "S"))), 0);
   Event e = Wait(srv, "", 2000);
   while (e.rc == 0 && e.event != "Connect") e = Wait(srv, "", 2000);
   EXPECT_EQ(e.event, "Connect");

@@ -36,8 +36,7 @@ struct Served {
   }
   // Whether the listener still takes a new peer and its request.
   bool StillServes() {
-    host::CallResult a = Lib().Call(r.root, "AGetProp", Value::Nested({Value::Text("S"), Value::Text("LocalAddr")}));
-    Tcp next = Tcp::To((int)a.result[1][3].intAt(0));
+    Tcp next = Tcp::To(cmdtest::LocalPort(r.root, "S"));
     Event c = Wait(r.root, "S", 3000);
     next.Write("GET / HTTP/1.1\r\n\r\n");
     return c.event == "Connect" && Wait(r.root, c.name, 3000).event == "HTTPHeader";

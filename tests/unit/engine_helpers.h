@@ -1,5 +1,5 @@
-// Small helpers shared by the engine tests: a countable tree object and
-// readers for the arrays the verbs give back.
+// Small helpers shared by the engine tests: a countable tree object, a verb
+// run on a root, and readers for the arrays the verbs give back.
 #pragma once
 
 #include <atomic>
@@ -41,6 +41,13 @@ inline SI4 IntOf(PAA p, UI4 i = 0) {
   SI4 v = -12345;
   VAGetSI4(p, i, &v);
   return v;
+}
+
+// Runs a monadic verb on a root and gives its result, the argument freed.
+inline PAA RunVerb(PAA (*verb)(PHIERAKI, PAA), PHIERAKI root, PAA arg) {
+  PAA r = verb(root, arg);
+  VAFree(arg);
+  return r;
 }
 
 inline std::string NodeName(PHIERAKI h) { return std::string(h->Name, strnlen(h->Name, 32)); }

@@ -46,13 +46,6 @@ PHIERAKI StartRoot(const char* name) {
   return r;
 }
 
-// Runs a monadic verb and frees its argument.
-PAA RunVerb(PAA (*verb)(PHIERAKI, PAA), PHIERAKI root, PAA arg) {
-  PAA r = verb(root, arg);
-  VAFree(arg);
-  return r;
-}
-
 SI4 Code(PAA r) {
   SI4 c = VAType(r) == VAPntr ? IntOf(Elem(r, 0)) : IntOf(r);
   return c;
@@ -81,15 +74,11 @@ TEST(Root, StartsWithLiveThreadAndWakes) {
   for (int i = 0; i < 100; i++) ASSERT_EQ(p->Dirty(), 0);
   EXPECT_EQ(p->pTalThread->Ended, 0u);  // zero words only wake it
 
-  // Closing with "." ends the thread and frees the name again.
+  // Closing with "." ends the thread and frees the name.
   PAA r = RunVerb(AClose, root, VAText("."));
   EXPECT_EQ(Code(r), 0);
   VAFree(r);
   EXPECT_EQ(Root("alive"), nullptr);
-  root = StartRoot("alive");
-  r = RunVerb(AClose, root, VAText("."));
-  EXPECT_EQ(Code(r), 0);
-  VAFree(r);
 }
 
 TEST(Root, Properties) {
@@ -215,8 +204,6 @@ TEST(Root, TreeAndClose) {
   VAFree(r);
 }
 
-// The same verbs reached as the host reaches them: a packed argument
-// through the exported dispatcher, a packed result back.
 TEST(Root, DirtyAfterThreadEnded) {
   PHIERAKI root = StartRoot("ended");
   PROOT p = RootObj(root);

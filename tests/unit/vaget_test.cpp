@@ -17,6 +17,8 @@ namespace {
 
 PAA HetVector(UI4 n) { return VANewVector(VAHet, n); }
 
+void SetHet(PAA het, UI4 i, SI4 tag, const void* v, UI4 size) { VASetHetCell(het, i, tag, v, size); }
+
 // Element i reads as the 32-bit integer want.
 void ExpectSI4(PAA p, UI4 i, SI4 want) {
   SI4 v = 0;
@@ -24,116 +26,98 @@ void ExpectSI4(PAA p, UI4 i, SI4 want) {
   EXPECT_EQ(v, want) << i;
 }
 
-// Element i reads as the integer want, both as an integer and as a double.
-void ExpectInteger(PAA p, UI4 i, SI4 want) {
-  ExpectSI4(p, i, want);
-  F8 d = 0;
-  EXPECT_EQ(VAGetF8(p, i, &d), 0) << i;
-  EXPECT_EQ(d, (F8)want) << i;
-}
+// What element i of an array gives VAGetSI4 and VAGetF8: each one's code,
+// and its value where the code is 0; kUnasked: VAGetF8 is not asked.
+const SI4 kUnasked = -1;
+struct NumberRead {
+  const char* what;
+  PAA p;
+  UI4 i;
+  SI4 rc4, v4, rc8;
+  F8 v8;
+};
 
-void SetHet(PAA het, UI4 i, SI4 tag, const void* v, UI4 size) { VASetHetCell(het, i, tag, v, size); }
-
-TEST(VAGet, SI4FromEveryNumericType) {
-  SI4 v = 99;
+TEST(VAGet, NumbersFromEveryTypeThroughPointersAndCells) {
+  UI4 n = 10, two = 2;
   PAA bits = VANewVector(VABit, 10);
   ((UI1*)VADATA(bits))[1] = 0x40;  // element 9
-  ExpectSI4(bits, 9, 1);
-  ExpectSI4(bits, 8, 0);
-  EXPECT_EQ(VAGetSI4(bits, 10, &v), ERR_APL_LENGTH);
-  bits = VAFree(bits);
-
-  PAA i1 = Vector<SI1>(VAI1, {-5, 7});
-  ExpectSI4(i1, 0, -5);
-  i1 = VAFree(i1);
-  PAA i2 = Vector<SI2>(VAI2, {-300});
-  ExpectSI4(i2, 0, -300);
-  i2 = VAFree(i2);
-
-  // A progression wraps in 32 bits.
-  UI4 n = 10;
-  PAA apv = VANew(VAApvI4, 1, &n);
+  PAA apv = VANew(VAApvI4, 1, &n), fapv = VANew(VAApvF8, 1, &n), cx = VANew(VA2F8, 1, &two);
   SI4 ss[2] = {2147483647, 1};
+  F8 fs[2] = {1.0, 0.5}, cv[4] = {2.0, 1.0, 3.0, 0.0};
   memcpy(VADATA(apv), ss, 8);
-  ExpectSI4(apv, 1, INT32_MIN);
-  apv = VAFree(apv);
-
-  PAA f = Vector<F8>(VAF8, {2.5, 2.0, 3000000000.0, NAN, INFINITY, -0.0});
-  EXPECT_EQ(VAGetSI4(f, 0, &v), ERR_APL_DOMAIN);
-  EXPECT_EQ(v, 0);  // cleared on failure
-  ExpectSI4(f, 1, 2);
-  ExpectSI4(f, 2, INT32_MIN);  // 64-bit bounds, 32-bit store
-  EXPECT_EQ(VAGetSI4(f, 3, &v), ERR_APL_DOMAIN);
-  EXPECT_EQ(VAGetSI4(f, 4, &v), ERR_APL_DOMAIN);
-  EXPECT_EQ(VAGetSI4(f, 5, &v), 0);
-  f = VAFree(f);
-
-  PAA fapv = VANew(VAApvF8, 1, &n);
-  F8 fs[2] = {1.0, 0.5};
   memcpy(VADATA(fapv), fs, 16);
-  ExpectSI4(fapv, 2, 2);
-  EXPECT_EQ(VAGetSI4(fapv, 1, &v), ERR_APL_DOMAIN);
-  F8 d;
-  EXPECT_EQ(VAGetF8(fapv, 3, &d), 0);
-  EXPECT_EQ(d, 2.5);
-  fapv = VAFree(fapv);
-
-  UI4 two = 2;
-  PAA cx = VANew(VA2F8, 1, &two);
-  F8 cv[4] = {2.0, 1.0, 3.0, 0.0};
   memcpy(VADATA(cx), cv, 32);
-  EXPECT_EQ(VAGetSI4(cx, 0, &v), ERR_APL_DOMAIN);
-  ExpectSI4(cx, 1, 3);
-  EXPECT_EQ(VAGetF8(cx, 0, &d), ERR_APL_DOMAIN);
-  EXPECT_EQ(VAGetF8(cx, 1, &d), 0);
-  EXPECT_EQ(d, 3.0);
-  cx = VAFree(cx);
-
+  PAA f = Vector<F8>(VAF8, {2.5, 2.0, 3000000000.0, NAN, INFINITY, -0.0});
+  PAA i1 = Vector<SI1>(VAI1, {-5, 7}), i2 = Vector<SI2>(VAI2, {-300});
+  PAA nest = Nested({Vector<SI4>(VAI4, {42}), Vector<SI4>(VAI4, {1, 2}), VANewVector(VAI4, 0),
+                     VANewVector(VAPntr, 0), nullptr});
+  PAA het = HetVector(7), child = Vector<SI4>(VAI4, {11});
+  UI1 bit = 0x80;
+  SI1 b = -3;
+  SI2 s2 = 1000;
+  F8 four = 4.0, fourAndAHalf = 4.5;
+  SetHet(het, 0, VABit, &bit, 1);
+  SetHet(het, 1, VAI1, &b, 1);
+  SetHet(het, 2, VAI2, &s2, 2);
+  SetHet(het, 3, VAF8, &four, 8);
+  SetHet(het, 4, VAF8, &fourAndAHalf, 8);
+  SetHet(het, 5, VAPntr, &child, sizeof(PAA));
+  SetHet(het, 6, VAC1, "z", 1);
+  const SI4 dom = ERR_APL_DOMAIN, idx = ERR_APL_INDEX;
+  const NumberRead reads[] = {
+      {"a bit", bits, 9, 0, 1, 0, 1.0},
+      {"a bit", bits, 8, 0, 0, 0, 0.0},
+      {"past the end", bits, 10, ERR_APL_LENGTH, 0, kUnasked, 0},
+      {"1-byte", i1, 0, 0, -5, 0, -5.0},
+      {"2-byte", i2, 0, 0, -300, 0, -300.0},
+      {"a progression wraps in 32 bits", apv, 1, 0, INT32_MIN, kUnasked, 0},
+      {"a fraction", f, 0, dom, 0, 0, 2.5},
+      {"a whole double", f, 1, 0, 2, 0, 2.0},
+      {"64-bit bounds, 32-bit store", f, 2, 0, INT32_MIN, kUnasked, 0},
+      {"not a number", f, 3, dom, 0, kUnasked, 0},
+      {"infinity", f, 4, dom, 0, kUnasked, 0},
+      {"minus zero", f, 5, 0, 0, kUnasked, 0},
+      {"a float progression", fapv, 2, 0, 2, 0, 2.0},
+      {"a float progression", fapv, 1, dom, 0, 0, 1.5},
+      {"a float progression", fapv, 3, dom, 0, 0, 2.5},
+      {"a complex number", cx, 0, dom, 0, dom, 0},
+      {"a real complex number", cx, 1, 0, 3, 0, 3.0},
+      {"an enclosed scalar", nest, 0, 0, 42, 0, 42.0},
+      {"an enclosed vector", nest, 1, idx, 0, idx, 0},
+      {"an empty vector", nest, 2, idx, 0, kUnasked, 0},
+      // An empty nested child passes the one-element test; its null
+      // prototype then has nothing to give.
+      {"an empty nested child", nest, 3, idx, 0, kUnasked, 0},
+      {"a null child", nest, 4, idx, 0, kUnasked, 0},
+      {"a bit cell", het, 0, 0, 1, 0, 1.0},
+      {"a 1-byte cell", het, 1, 0, -3, 0, -3.0},
+      {"a 2-byte cell", het, 2, 0, 1000, 0, 1000.0},
+      {"a whole double cell", het, 3, 0, 4, 0, 4.0},
+      {"a fraction cell", het, 4, dom, 0, 0, 4.5},
+      {"a pointer cell", het, 5, 0, 11, kUnasked, 0},
+      {"a character cell", het, 6, dom, 0, dom, 0},
+  };
+  for (const NumberRead& r : reads) {
+    SCOPED_TRACE(std::string(r.what) + " at " + std::to_string(r.i));
+    SI4 v = 99;
+    F8 d = 99;
+    EXPECT_EQ(VAGetSI4(r.p, r.i, &v), r.rc4);
+    EXPECT_EQ(v, r.v4);  // cleared on failure
+    if (r.rc8 == kUnasked) continue;
+    EXPECT_EQ(VAGetF8(r.p, r.i, &d), r.rc8);
+    if (!r.rc8) {
+      EXPECT_EQ(d, r.v8);
+    }
+  }
+  for (PAA p : {bits, apv, fapv, cx, f, i1, i2, nest, het}) VAFree(p);
   for (VATYPES t : {VAC1, VAC2, VAC4, VAI8, VABoxd}) {
+    SI4 v;
+    F8 d;
     PAA p = VANewVector(t, 1);
     EXPECT_EQ(VAGetSI4(p, 0, &v), ERR_APL_DOMAIN) << t;
     EXPECT_EQ(VAGetF8(p, 0, &d), ERR_APL_DOMAIN) << t;
     VAFree(p);
   }
-}
-
-TEST(VAGet, ThroughPointersAndCells) {
-  SI4 v;
-  F8 d;
-  PAA nest = Nested({Vector<SI4>(VAI4, {42}), Vector<SI4>(VAI4, {1, 2}),
-                     VANewVector(VAI4, 0), VANewVector(VAPntr, 0), nullptr});
-  ExpectInteger(nest, 0, 42);
-  EXPECT_EQ(VAGetSI4(nest, 1, &v), ERR_APL_INDEX);
-  EXPECT_EQ(VAGetSI4(nest, 2, &v), ERR_APL_INDEX);
-  EXPECT_EQ(VAGetF8(nest, 1, &d), ERR_APL_INDEX);
-  // An empty nested child passes the one-element test; its null prototype
-  // then has nothing to give.
-  EXPECT_EQ(VAGetSI4(nest, 3, &v), ERR_APL_INDEX);
-  EXPECT_EQ(VAGetSI4(nest, 4, &v), ERR_APL_INDEX);
-  nest = VAFree(nest);
-
-  PAA het = HetVector(7);
-  UI1 bit = 0x80;
-  SI1 b = -3;
-  SI2 s = 1000;
-  F8 f = 4.0, g = 4.5;
-  PAA child = Vector<SI4>(VAI4, {11});
-  SetHet(het, 0, VABit, &bit, 1);
-  SetHet(het, 1, VAI1, &b, 1);
-  SetHet(het, 2, VAI2, &s, 2);
-  SetHet(het, 3, VAF8, &f, 8);
-  SetHet(het, 4, VAF8, &g, 8);
-  SetHet(het, 5, VAPntr, &child, sizeof(PAA));
-  SetHet(het, 6, VAC1, "z", 1);
-  SI4 expect[] = {1, -3, 1000, 4};
-  for (UI4 i = 0; i < 4; i++) ExpectInteger(het, i, expect[i]);
-  EXPECT_EQ(VAGetSI4(het, 4, &v), ERR_APL_DOMAIN);
-  EXPECT_EQ(VAGetF8(het, 4, &d), 0);
-  EXPECT_EQ(d, 4.5);
-  ExpectSI4(het, 5, 11);
-  EXPECT_EQ(VAGetSI4(het, 6, &v), ERR_APL_DOMAIN);
-  EXPECT_EQ(VAGetF8(het, 6, &d), ERR_APL_DOMAIN);
-  het = VAFree(het);
 }
 
 TEST(VAGet, LenAndText) {

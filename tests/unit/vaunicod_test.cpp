@@ -34,60 +34,47 @@ Bytes Convert(UNICODETYPES to, UNICODETYPES from, const Bytes& in, SI2 term, SI4
   return out;
 }
 
+// The classic table places every printable ASCII character, each code
+// point once.
 TEST(Unicode, Tables) {
-  EXPECT_EQ(AVU[0], 0u);
-  EXPECT_EQ(AVU[4], 0x20u);
-  EXPECT_EQ(AVU[10], 0x2336u);
-  EXPECT_EQ(AVU[17], (UI4)'a');
-  EXPECT_EQ(AVU[65], (UI4)'A');
-  EXPECT_EQ(AVU[64], 0x2206u);
-  EXPECT_EQ(AVU[97], 0xC1u);
-  EXPECT_EQ(AVU[200], 0x233Du);
-  EXPECT_EQ(AVU[255], 0x2363u);
   std::vector<UI4> seen(AVU, AVU + 256);
   std::sort(seen.begin(), seen.end());
   EXPECT_EQ(std::unique(seen.begin(), seen.end()), seen.end());
-  // Every printable ASCII character has a place.
   for (UI4 c = 0x20; c < 0x7F; c++) EXPECT_TRUE(std::binary_search(seen.begin(), seen.end(), c)) << c;
 }
 
 TEST(Unicode, ReadOne) {
-  UI4 c = 99;
-  UI1 overlong[] = {0xC0, 0x80};
-  EXPECT_EQ(GetUnicodeC(UTF8, overlong, 2, 0, &c), -1);
-  EXPECT_EQ(c, 0u);
-  UI1 big[] = {0xF4, 0x90, 0x80, 0x80};
-  EXPECT_EQ(GetUnicodeC(UTF8, big, 4, 0, &c), 4);
-  EXPECT_EQ(c, 0x110000u);
-  UI1 euro[] = {0xE2, 0x82, 0xAC};
-  EXPECT_EQ(GetUnicodeC(UTF8, euro, 3, 0, &c), 3);
-  EXPECT_EQ(c, 0x20ACu);
-  // Cut short by the end of the text, or by a byte that doesn't continue.
-  EXPECT_EQ(GetUnicodeC(UTF8, euro, 2, 0, &c), -1);
-  UI1 broken[] = {0xE2, 0x41, 0xAC};
-  EXPECT_EQ(GetUnicodeC(UTF8, broken, 3, 0, &c), -1);
-  UI1 six[] = {0xFC, 0x84, 0x80, 0x80, 0x80, 0x80};
-  EXPECT_EQ(GetUnicodeC(UTF8, six, 6, 0, &c), 6);
-  EXPECT_EQ(c, 0x4000000u);
-  UI1 stray[] = {0x80};
-  EXPECT_EQ(GetUnicodeC(UTF8, stray, 1, 0, &c), -1);
-  UI1 ucs2[] = {0x34, 0x12};
-  EXPECT_EQ(GetUnicodeC(UCS2, ucs2, 2, 0, &c), 2);
-  EXPECT_EQ(c, 0x1234u);
-  EXPECT_EQ(GetUnicodeC(UCS2, ucs2, 1, 0, &c), -1);
-  UI1 av[] = {17};
-  EXPECT_EQ(GetUnicodeC(C1AV, av, 1, 0, &c), 1);
-  EXPECT_EQ(c, (UI4)'a');
-
-  // A pair is combined only when more than its 4 bytes remain.
-  UI2 pair[3] = {0xD83D, 0xDE00, 0};
-  EXPECT_EQ(GetUnicodeC(UTF16, (UI1*)pair, 6, 0, &c), 4);
-  EXPECT_EQ(c, 0x1F600u);
-  EXPECT_EQ(GetUnicodeC(UTF16, (UI1*)pair, 4, 0, &c), 2);
-  EXPECT_EQ(c, 0xD83Du);
-  UI2 lone[1] = {0xDC00};
-  EXPECT_EQ(GetUnicodeC(UTF16, (UI1*)lone, 2, 0, &c), 2);
-  EXPECT_EQ(c, 0xDC00u);
+  const UI2 pair[3] = {0xD83D, 0xDE00, 0}, lone[1] = {0xDC00};
+  const struct {
+    const char* what;
+    UNICODETYPES t;
+    std::string bytes;
+    SI4 rc;
+    UI4 c;
+  } cases[] = {
+      {"overlong", UTF8, "\xC0\x80", -1, 0},
+      {"past U+10FFFF", UTF8, "\xF4\x90\x80\x80", 4, 0x110000},
+      {"three bytes", UTF8, "\xE2\x82\xAC", 3, 0x20AC},
+      {"cut short by the end", UTF8, "\xE2\x82", -1, 0},
+      {"cut short by a byte that doesn't continue", UTF8, "\xE2\x41\xAC", -1, 0},
+      {"six bytes", UTF8, "\xFC\x84\x80\x80\x80\x80", 6, 0x4000000},
+      {"a stray continuation", UTF8, "\x80", -1, 0},
+      {"two bytes", UCS2, "\x34\x12", 2, 0x1234},
+      {"one of two bytes", UCS2, "\x34", -1, 0},
+      {"the classic set", C1AV, "\x11", 1, 'a'},
+      // A pair is combined only when more than its 4 bytes remain.
+      {"a pair", UTF16, std::string((const char*)pair, 6), 4, 0x1F600},
+      {"a pair at the end", UTF16, std::string((const char*)pair, 4), 2, 0xD83D},
+      {"a lone low surrogate", UTF16, std::string((const char*)lone, 2), 2, 0xDC00},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.what);
+    UI4 c = 99;
+    EXPECT_EQ(GetUnicodeC(k.t, (UI1*)k.bytes.data(), (UI4)k.bytes.size(), 0, &c), k.rc);
+    if (k.rc > 0 || k.c == 0) {
+      EXPECT_EQ(c, k.c);
+    }
+  }
 }
 
 TEST(Unicode, WriteOne) {

@@ -25,13 +25,6 @@ namespace {
 
 PAA Pair(const char* name, PAA v) { return VANested({VAText(name), v}); }
 
-// Runs a verb and gives its result, the argument freed.
-PAA RunVerb(PAA (*verb)(PHIERAKI, PAA), PHIERAKI root, PAA arg) {
-  PAA r = verb(root, arg);
-  VAFree(arg);
-  return r;
-}
-
 struct Waited {
   std::string name, event;
   PAA data = nullptr;
