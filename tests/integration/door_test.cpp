@@ -115,14 +115,6 @@ TEST(HostDoor, TheHostsBlocksStayTheHosts) {
   EXPECT_FALSE(r.left.has_value());  // a stub leaves the left slot alone
 }
 
-TEST(HostDoor, InitTwice) {
-  std::string root = pelkotest::NewRoot("TWICE");
-  EXPECT_EQ(Lib().Init(root, "/x/"), 1043);
-  EXPECT_EQ(Lib().Init(root + "B", "/x/"), 0);
-  EXPECT_EQ(Lib().Call(root, kMonadicVerb, Value::Int(0)).rc, 0);
-  EXPECT_EQ(Lib().Call(root + "B", kMonadicVerb, Value::Int(0)).rc, 0);
-}
-
 TEST(HostDoor, VersionKickStartAndClock) {
   EXPECT_EQ(Lib().raw().Version(nullptr), 30101479);
   uint32_t v[4] = {0, 0, 0, 0xDEADBEEF};

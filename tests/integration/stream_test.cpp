@@ -116,6 +116,8 @@ TEST(Raw, WhatASendPutsOnTheWire) {
       {"wider characters", Value::Text("\xe2\x82\xac"), 1001, ""},  // ERR_LENGTH, as sized
       {"4-byte integers", Value::Ints({1, 2}), 1001, ""},
       {"a matrix", Value::Text("ab").Reshape({1, 2}), 1002, ""},
+      {"a file that isn't there", Value::Nested({Value::Text("x"), Value::Text("/no/such/file")}), 1039, ""},
+      {"three items", Value::Nested({Value::Text("a"), Value::Text("b"), Value::Text("c")}), 1001, ""},
       {"an empty vector", Value::Int8s({}), 0, ""},
   };
   for (const Case& k : cases) {
