@@ -3,9 +3,11 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -35,6 +37,24 @@ inline std::string NewRoot(const std::string& stem) {
   EXPECT_EQ(Lib().Init(name, PELKO_LIBRARY_PATH), 0) << name;
   return name;
 }
+
+// A fresh directory under /tmp, removed with all it holds at the end of its
+// scope.
+struct TempDir {
+  std::string path;
+  TempDir() {
+    char tmpl[] = "/tmp/pelkotestXXXXXX";
+    path = mkdtemp(tmpl) ? tmpl : "";
+  }
+  ~TempDir() {
+    if (!path.empty() && system(("rm -rf '" + path + "'").c_str()) != 0) perror("rm");
+  }
+  // Writes a file in it; gives the file's path.
+  std::string Add(const std::string& name, const std::string& text) const {
+    std::ofstream(path + "/" + name) << text;
+    return path + "/" + name;
+  }
+};
 
 // A root under a fresh name for the scope of a test, closed at its end.
 struct Root {

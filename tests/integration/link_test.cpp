@@ -3,8 +3,6 @@
 // bytes itself. One test drives the table in this process.
 #include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <fstream>
 
@@ -19,18 +17,7 @@ namespace {
 using servetest::HostProcess;
 using servetest::Shell;
 
-struct Dir {
-  std::string path;
-  Dir() {
-    char tmpl[] = "/tmp/pelkolinkXXXXXX";
-    path = mkdtemp(tmpl);
-  }
-  ~Dir() { Shell("rm -rf '" + path + "'"); }
-  std::string Add(const std::string& name, const std::string& text) const {
-    std::ofstream(path + "/" + name) << text;
-    return path + "/" + name;
-  }
-};
+using Dir = pelkotest::TempDir;
 
 std::string Loop(int port) { return "127.0.0.1:" + std::to_string(port); }
 
@@ -307,27 +294,14 @@ TEST(LinkInProcess, TheTableAndThePollThread) {
   EXPECT_EQ(link->table().Errortext(1234, small, sizeof small), 7);
   EXPECT_STREQ(small, "Error 1");
   // A listener that comes up late gets the offer.
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  int one = 1;
-  setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons((uint16_t)port);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(bind(s, (sockaddr*)&a, sizeof a), 0);
-  listen(s, 1);
-  pollfd p = {s, POLLIN, 0};
-  ASSERT_EQ(poll(&p, 1, 10000), 1);
-  int c = accept(s, nullptr, nullptr);
-  std::string got(28, 0);
-  EXPECT_EQ(recv(c, &got[0], 28, MSG_WAITALL), 28);
-  EXPECT_EQ(got, Peer::Block("SupportedProtocols=2"));
+  streamtest::Listener late(port);
+  streamtest::Tcp c = late.Accept(10000);
+  ASSERT_GE(c.fd(), 0);
+  EXPECT_EQ(c.Read(28, 5000), Peer::Block("SupportedProtocols=2"));
   EXPECT_EQ(link->State(), 1);  // negotiating
   EXPECT_EQ(link->Enable(0), 0);
   EXPECT_EQ(link->State(), 0);
   EXPECT_EQ(Threads(), before);
-  close(c);
-  close(s);
 }
 
 }  // namespace

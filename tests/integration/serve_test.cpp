@@ -24,18 +24,15 @@ using servetest::ServeProcess;
 using streamtest::Tcp;
 
 // A directory to serve, with a file outside it that must never be served.
-struct Site {
-  std::string top, dir;
+struct Site : pelkotest::TempDir {
+  const std::string& top = path;
+  std::string dir = path + "/www";
   Site() {
-    char tmpl[] = "/tmp/pelkoserveXXXXXX";
-    top = mkdtemp(tmpl);
-    dir = top + "/www";
     Shell("mkdir -p '" + dir + "/sub' && printf 'hello\\n' > '" + dir + "/a.txt' && printf '<p>x</p>' > '" + dir +
         "/sub/index.html' && head -c 5000 /dev/urandom > '" + dir + "/bin.png' && printf secret > '" + top +
         "/secret.txt' && ln -s '" + top + "/secret.txt' '" + dir + "/out' && ln -s a.txt '" + dir + "/in'");
   }
-  ~Site() { Shell("rm -rf '" + top + "'"); }
-  void Add(const std::string& name, const std::string& text) const { std::ofstream(dir + "/" + name) << text; }
+  void Add(const std::string& name, const std::string& text) const { TempDir::Add("www/" + name, text); }
 };
 
 // Two GETs by one curl; the connections each one opened, one a line.

@@ -99,18 +99,21 @@ struct Roots {
   ~Roots() { Lib().Call(root, "AClose", Value::Text(".")); }
 };
 
-// A socket of the type bound to an ephemeral loopback port.
-inline int Bound(int type) {
+// A socket of the type bound to a loopback port, an ephemeral one by
+// default.
+inline int Bound(int type, int port = 0) {
   int fd = socket(AF_INET, type, 0);
-  sockaddr_in a = Loopback(0);
+  int one = 1;
+  if (port) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in a = Loopback(port);
   EXPECT_EQ(bind(fd, (sockaddr*)&a, sizeof a), 0);
   return fd;
 }
 
-// A loopback listener on an ephemeral port.
+// A loopback listener on the port given, or an ephemeral one.
 class Listener {
  public:
-  Listener() : fd_(Bound(SOCK_STREAM)) { EXPECT_EQ(listen(fd_, 4), 0); }
+  explicit Listener(int port = 0) : fd_(Bound(SOCK_STREAM, port)) { EXPECT_EQ(listen(fd_, 4), 0); }
   ~Listener() { close(fd_); }
   int port() const { return BoundPort(fd_); }
   Tcp Accept(int ms = 2000) {

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "servepeer.h"
 #include "streampeer.h"
 
 namespace {
@@ -252,18 +253,10 @@ TEST(WsServer, AnOversizeFrameEndsOnlyItsConnection) {
 
 // The accept value for a key, as an independent implementation finds it.
 std::string AcceptFor(const std::string& key) {
-  std::string cmd = "python3 -c \"import base64,hashlib,sys;print(base64.b64encode(hashlib.sha1("
-                    "(sys.argv[1]+'258EAFA5-E914-47DA-95CA-C5AB0DC85B11').encode()).digest()).decode())\" " +
-                    key;
-  FILE* f = popen(cmd.c_str(), "r");
-  char line[64] = "";
-  if (f) {
-    if (!fgets(line, sizeof line, f)) line[0] = 0;
-    pclose(f);
-  }
-  std::string s = line;
-  while (!s.empty() && s.back() == '\n') s.pop_back();
-  return s;
+  std::string s = servetest::Shell("python3 -c \"import base64,hashlib,sys;print(base64.b64encode(hashlib.sha1("
+                                   "(sys.argv[1]+'258EAFA5-E914-47DA-95CA-C5AB0DC85B11').encode()).digest()).decode())\" " +
+                                   key);
+  return s.substr(0, s.find('\n'));
 }
 
 // Reads a header from the peer's side, up to its blank line.
