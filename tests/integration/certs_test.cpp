@@ -1,6 +1,7 @@
 // Certificates as arrays: files read by ACerts, bytes decoded into their
-// parts and compared with what certtool prints for the same file, the
-// certificates of a live connection, and bytes that are no certificate.
+// parts and compared with what certtool prints for the same file, and bytes
+// that are no certificate. A live connection's certificates, its own and its
+// peer's, are checked against the real peers in tls_peers_test.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -199,36 +200,6 @@ TEST(CertDecode, BytesThatAreNoCertificateGiveACode) {
     host::CallResult v = Certs_(r.root, {Opt("Type", Value::Text("Decode")), Opt("Source", Value::Int8s(bytes))});
     EXPECT_EQ(Code(v), 1207) << bytes.size();
   }
-}
-
-TEST(CertDecode, TheCertificatesOfALiveConnection) {
-  if (!Certs::Get().ok()) GTEST_SKIP() << "certtool made no certificates";
-  Roots server("CertLiveS"), client("CertLiveC");
-  // A server names the issuers it trusts, and a client presents only a
-  // certificate of one of them.
-  for (const std::string& root : {server.root, client.root})
-    EXPECT_EQ(cmdtest::SetProp(root, "", "RootCertDir", Value::Text(Certs::Get().Roots())), 0);
-  std::vector<Value> opts = tlstest::Presenting("srv");
-  opts.push_back(Opt("SSLValidation", Value::Int(64)));
-  int port = Serve(server.root, "S", "raw", opts);
-  std::vector<Value> copts = tlstest::Presenting("client");
-  copts.push_back(Opt("SSLValidation", Value::Int(1)));
-  std::string c = Open(client.root, "C", "raw", port, copts);
-  ASSERT_FALSE(c.empty());
-  std::string conn = Wait(server.root, "S", 3000).name;
-  auto prop = [](const std::string& root, const std::string& name, const char* which) {
-    host::CallResult p = Lib().Call(root, "AGetProp", Value::Nested({Value::Text(name), Value::Text(which)}));
-    return p.result.isNested() && p.result.count() == 2 ? p.result[1] : Value();
-  };
-  Value srvDer = Certs::Get().Bytes("srv.der"), cltDer = Certs::Get().Bytes("client.der");
-  ASSERT_EQ(prop(client.root, c, "PeerCert").count(), 1u) << prop(client.root, c, "PeerCert").Describe();
-  EXPECT_EQ(prop(client.root, c, "PeerCert")[0], srvDer);
-  EXPECT_EQ(prop(client.root, c, "OwnCert")[0], cltDer);
-  EXPECT_EQ(prop(server.root, conn, "PeerCert")[0], cltDer);
-  EXPECT_EQ(prop(server.root, conn, "OwnCert")[0], srvDer);
-  host::CallResult d = Lib().Call(client.root, "AGetProp", Value::Nested({Value::Text(""), Value::Text("DecodeCert"), prop(client.root, c, "PeerCert")[0], Value::Int(1)}));
-  ASSERT_EQ(Code(d), 0);
-  EXPECT_EQ(d.result[1][1][5].text(), "CN=localhost");
 }
 
 }  // namespace

@@ -30,9 +30,10 @@ struct Child : servetest::HostProcess {
   bool Exited(int ms) { return Wait(ms) != -2; }
 };
 
-// The first certificate of a connection's "PeerCert" as bytes.
-std::string PeerCert(const std::string& root, const std::string& name) {
-  host::CallResult r = Lib().Call(root, "AGetProp", Value::Nested({Value::Text(name), Value::Text("PeerCert")}));
+// The first certificate of a connection's "PeerCert" or "OwnCert" as
+// bytes, "" for none.
+std::string Cert(const std::string& root, const std::string& name, const char* which = "PeerCert") {
+  host::CallResult r = Lib().Call(root, "AGetProp", Value::Nested({Value::Text(name), Value::Text(which)}));
   if (Code(r) != 0 || r.result.count() < 2 || !r.result[1].isNested() || r.result[1].count() == 0) return "";
   return Bytes(r.result[1][0]);
 }
@@ -148,7 +149,8 @@ TEST(TlsPeersClients, ClientCertificatesRequiredOrRequested) {
       continue;
     }
     std::string conn = server.Converse(peer, "with or without\n", "served\n");
-    EXPECT_EQ(PeerCert(server.root, conn), c.clientPresents ? Certs::Get().Read("client.der") : "");
+    EXPECT_EQ(Cert(server.root, conn), c.clientPresents ? Certs::Get().Read("client.der") : "");
+    EXPECT_EQ(Cert(server.root, conn, "OwnCert"), Certs::Get().Read("srv.der"));
   }
 }
 
@@ -211,7 +213,8 @@ TEST(TlsPeersServers, TheLibraryClientAgainstEachServer) {
     host::CallResult r = Lib().Call(client.root, "AClt", Value::Nested(With(opts, c.presents ? Presenting("client") : Anonymous())));
     ASSERT_EQ(Code(r), c.rc) << r.result.Format() << peer.output();
     if (c.rc) continue;
-    EXPECT_EQ(PeerCert(client.root, "C"), Certs::Get().Read(std::string(c.cert) + ".der"));
+    EXPECT_EQ(Cert(client.root, "C"), Certs::Get().Read(std::string(c.cert) + ".der"));
+    EXPECT_EQ(Cert(client.root, "C", "OwnCert"), c.presents ? Certs::Get().Read("client.der") : "");
     const std::string line = std::string("ping from the library to ") + c.what + "\n";
     ASSERT_EQ(Code(cmdtest::Send(client.root, "C", Value::Text(line))), 0);
     std::string answer = *c.answer ? c.answer : line;

@@ -95,6 +95,9 @@ TEST(TlsModes, DataBothWaysUnderEveryMode) {
     int port = Serve(server.root, "S", c.mode, Presenting("srv"));
     Trusting client("TlsModeC", Certs::Get().Roots());
     ASSERT_EQ(Code(Connect(client.root, c.mode, port, "localhost", Anonymous())), 0);
+    // A library server sends its own certificate alone.
+    EXPECT_EQ(Lib().Call(client.root, "AGetProp", Value::Nested({Value::Text("C"), Value::Text("PeerCert")})).result[1],
+              Value::Nested({Certs::Get().Bytes("srv.der")}));
     Event e = Wait(server.root, "S", 3000);
     ASSERT_EQ(e.event, "Connect");
     std::string conn = e.name;
