@@ -24,9 +24,13 @@ TEST(RpcObjs, ParkAndWake) {
   EXPECT_EQ(s->AplWaitInit(root), ERR_SOMEBODY_WAITING);
   EXPECT_EQ(s->AplWait(10), WAIT_TIMEOUT_RC);  // not ERR_TIMEOUT
 
-  // A child made ready wakes the thread parked on its server.
+  // A child made ready wakes the thread parked on its server, once it is
+  // parked (bounded).
+  auto parkedOn = [](PTHREADSEM sem) {
+    for (int i = 0; i < 5000 && sem->Waiting == 0; i++) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  };
   std::thread waker([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    parkedOn(s->pWaiting);
     con->pObj->Ready4Apl(con);
   });
   EXPECT_EQ(s->AplWait(5000), 0);
@@ -42,7 +46,7 @@ TEST(RpcObjs, ParkAndWake) {
   EXPECT_EQ(con->pObj->pWaiting.load(), sem);
   // Deleting the object wakes whoever is parked on it.
   std::thread parked([&] { EXPECT_EQ(sem->WaitSem(5000), SemReleased); });
-  while (sem->Waiting == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  parkedOn(sem);
   srv->LockWrite();
   delete con;
   srv->ReleaseWrite();
