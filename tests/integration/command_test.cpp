@@ -255,21 +255,15 @@ std::vector<std::string> WaitOrder(int strategy, const std::vector<std::vector<s
 
 TEST(Command, ReadyStrategies) {
   std::vector<std::vector<std::string>> sent = {{"a0", "a1"}, {"b0", "b1"}};
-  // 2: the oldest first, whatever the ring order.
-  EXPECT_EQ(WaitOrder(2, sent), (std::vector<std::string>{"CON00000001.b0", "CON00000001.b1",
-                                                          "CON00000000.a0", "CON00000000.a1"}));
-  // 3: as 2, limited by type; commands are searched.
-  EXPECT_EQ(WaitOrder(3, sent), (std::vector<std::string>{"CON00000001.b0", "CON00000001.b1",
-                                                          "CON00000000.a0", "CON00000000.a1"}));
-  // 0: ring order.
-  EXPECT_EQ(WaitOrder(0, sent), (std::vector<std::string>{"CON00000000.a0", "CON00000000.a1",
-                                                          "CON00000001.b0", "CON00000001.b1"}));
-  // 1: connections take turns.
-  EXPECT_EQ(WaitOrder(1, sent), (std::vector<std::string>{"CON00000000.a0", "CON00000001.b0",
-                                                          "CON00000000.a1", "CON00000001.b1"}));
-  // 4: each connection's first ready child competes; the older wins.
-  EXPECT_EQ(WaitOrder(4, sent), (std::vector<std::string>{"CON00000001.b0", "CON00000001.b1",
-                                                          "CON00000000.a0", "CON00000000.a1"}));
+  const std::vector<std::string> oldest = {"CON00000001.b0", "CON00000001.b1", "CON00000000.a0", "CON00000000.a1"};
+  const std::pair<int, std::vector<std::string>> orders[] = {
+      {2, oldest},  // the oldest first, whatever the ring order
+      {3, oldest},  // as 2, limited by type; commands are searched
+      {0, {"CON00000000.a0", "CON00000000.a1", "CON00000001.b0", "CON00000001.b1"}},  // ring order
+      {1, {"CON00000000.a0", "CON00000001.b0", "CON00000000.a1", "CON00000001.b1"}},  // connections take turns
+      {4, oldest},  // each connection's first ready child competes; the older wins
+  };
+  for (const auto& o : orders) EXPECT_EQ(WaitOrder(o.first, sent), o.second) << "strategy " << o.first;
 }
 
 }  // namespace

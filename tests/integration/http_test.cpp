@@ -247,16 +247,9 @@ struct Client {
   int32_t Send(const Value& v, int flag = 0) { return Code(cmdtest::Send(r.root, name, v, flag)); }
 };
 
-std::string TempFile(const std::string& content) {
-  char path[] = "/tmp/pelkohttpXXXXXX";
-  int fd = mkstemp(path);
-  EXPECT_EQ(write(fd, content.data(), content.size()), (ssize_t)content.size());
-  close(fd);
-  return path;
-}
-
 TEST(HttpCompose, EachFormGivesItsWireBytes) {
-  const std::string file = TempFile("0123456789");
+  pelkotest::TempDir dir;
+  const std::string file = dir.Add("file", "0123456789");
   const Value none = Rows({});
   struct Case {
     const char* what;
@@ -289,7 +282,6 @@ TEST(HttpCompose, EachFormGivesItsWireBytes) {
     EXPECT_EQ(c.Send(k.value), 0);
     EXPECT_EQ(c.peer.Read(k.wire.size()), k.wire);
   }
-  unlink(file.c_str());
 }
 
 TEST(HttpCompose, RefusedValuesSendNothing) {

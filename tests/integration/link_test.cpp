@@ -145,12 +145,12 @@ TEST(LinkSession, TwoProcessesOverTls) {
   if (!c.ok()) GTEST_SKIP() << "no certificates";
   Dir d;
   // A secure link requires the peer's certificate on both sides.
-  std::string serveIni = "[Zuno]\nSecure=secure\nSSLValidation=1\nRootCertDir=" + c.Roots() +
-                         "\nPublicCertFile=" + c.File("srv.pem") + "\nPrivateKeyFile=" + c.File("srv.key") + "\n";
-  std::string clientIni = "[Zuno]\nSecure=secure\nSSLValidation=1\nRootCertDir=" + c.Roots() +
-                          "\nPublicCertFile=" + c.File("client.pem") + "\nPrivateKeyFile=" + c.File("client.key") +
-                          "\n";
-  TwoEnds(d, serveIni, clientIni, "connect", false);
+  auto ini = [&c](const std::string& cert) {
+    return "[Zuno]\nSecure=secure\nSSLValidation=1\nRootCertDir=" + c.Roots() + "\nPublicCertFile=" +
+           c.File(cert + ".pem") + "\nPrivateKeyFile=" + c.File(cert + ".key") + "\n";
+  };
+  const std::string serveIni = ini("srv");
+  TwoEnds(d, serveIni, ini("client"), "connect", false);
   // The bytes on the wire are TLS: a plain peer gets no offer.
   int port = host::FreeLoopbackPort();
   Link server(d, {"link", "serve:" + Loop(port), "--config", d.Add("s.ini", serveIni)});

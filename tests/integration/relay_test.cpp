@@ -2,8 +2,6 @@
 // and files sent without being read into memory.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -115,22 +113,12 @@ long PeakKb() {
 
 void ResetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
 
-struct TempFile {
-  std::string dir, path;
-  TempFile(uint64_t size) {
-    char tmpl[] = "/tmp/pelkofileXXXXXX";
-    dir = mkdtemp(tmpl);
-    path = dir + "/data";
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT, 0600);
-    for (uint64_t at = 0; at < size; at += 1 << 20) {
-      std::string s = Pattern(at, std::min<uint64_t>(1 << 20, size - at));
-      EXPECT_EQ(write(fd, s.data(), s.size()), (ssize_t)s.size());
-    }
-    close(fd);
-  }
-  ~TempFile() {
-    unlink(path.c_str());
-    rmdir(dir.c_str());
+// A file of the pattern, of the size given, in a directory of its own.
+struct TempFile : pelkotest::TempDir {
+  std::string path = TempDir::path + "/data";
+  explicit TempFile(uint64_t size) {
+    std::ofstream f(path, std::ios::binary);
+    for (uint64_t at = 0; at < size; at += 1 << 20) f << Pattern(at, std::min<uint64_t>(1 << 20, size - at));
   }
 };
 
