@@ -102,8 +102,11 @@ TEST(CommandServer, PauseAndResume) {
   ASSERT_EQ(SetProp(srv, "S", "Pause", Value::Int(2)), 0);
   host::CallResult g = Lib().Call(srv, "AGetProp", Value::Nested({Value::Text("S"), Value::Text("Pause")}));
   EXPECT_EQ(g.result[1], Value::Ints({2}));
-  for (int i = 0; i < 100 && Code(Connect(clt, "probe" + std::to_string(i), port)) == 0; i++)
+  // The old port refuses connections once the work thread has closed it.
+  bool refused = false;
+  for (int i = 0; i < 100 && !(refused = Code(Connect(clt, "probe" + std::to_string(i), port)) != 0); i++)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(refused);
   EXPECT_EQ(SetProp(srv, "S", "Pause", Value::Int(2)), 0);  // stays paused
   ASSERT_EQ(SetProp(srv, "S", "Pause", Value::Int(0)), 0);
   ASSERT_EQ(Code(Connect(clt, "B", LocalPort(srv, "S"))), 0);

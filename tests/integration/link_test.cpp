@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 
-#include <fstream>
 
 #include "harness.h"
 #include "host/link.h"
