@@ -150,8 +150,9 @@ static bool SameFirst(CH1 a, CH1 b, bool ignoreCase) {
 SI4 BUFFER::FindAsc(PCH10 text, bool after, bool ignoreCase) {
   if (!text || !*text) return -1;
   UI4 n = (UI4)strlen(text);
-  if (Offset < n) return -1;
-  for (UI4 i = 0; i + n <= Offset; i++) {
+  UI4 end = Offset;
+  if (end < n) return -1;
+  for (UI4 i = 0; i + n <= end; i++) {
     if (!SameFirst(pBuf[i], text[0], ignoreCase)) continue;
     bool hit = ignoreCase ? strncasecmp(pBuf + i, text, n) == 0 : strncmp(pBuf + i, text, n) == 0;
     if (hit) return (SI4)(i + (after ? n : 0));
@@ -161,9 +162,10 @@ SI4 BUFFER::FindAsc(PCH10 text, bool after, bool ignoreCase) {
 
 SI4 BUFFER::FindBin1(PCH1 data, SI4 len, bool after) {
   if (!data || len < 0) return -1;
-  for (SI4 i = (SI4)Offset; i <= (SI4)Size - len; i++) {
+  SI4 from = (SI4)Offset;
+  for (SI4 i = from; i <= (SI4)Size - len; i++) {
     if (len && pBuf[i] != data[0]) continue;
-    if (memcmp(pBuf + i, data, (size_t)len) == 0) return i - (SI4)Offset + (after ? len : 0);
+    if (memcmp(pBuf + i, data, (size_t)len) == 0) return i - from + (after ? len : 0);
   }
   return -1;
 }
@@ -260,7 +262,7 @@ BOOL BUFFERFILE::NextProcessed(UI4 n) {
       // holds instead of waiting for bytes that never come.
       LOG(1, ("BUFFERFILE read %zd at %lld of %lld", r, (long long)foff, (long long)fsize));
       fsize = foff;
-      Size = Off2 > Offset ? Off2 : Offset;
+      Size = Off2 > Offset ? Off2 : Offset.load();
       break;
     }
     Off2 += (UI4)r;

@@ -4,6 +4,8 @@
 // window of the same kind.
 #pragma once
 
+#include <atomic>
+
 #include "stoplist.h"
 #include "taltypes.h"
 
@@ -46,7 +48,9 @@ class BUFFER {
   SI4 FindStop1(PLIST list, bool ignoreCase, PITEM* found);
 
   UI4 Size;
-  UI4 Offset;
+  // Moved by the work thread as bytes come and go; host threads read it to
+  // describe a transfer in progress (ATree, "Status").
+  std::atomic<UI4> Offset;
   UI4 Blksize;
   PCH1 pBuf;
 
