@@ -271,7 +271,7 @@ pid_t CurrentPid() {
 // and a block that fits, without wasting more than half of it, is handed
 // out again with its pages in place. The system may still take the pages
 // of a kept block when it runs short (MADV_FREE); they come back cleared.
-#define KEPT_BLOCKS 2
+#define KEPT_BLOCKS 4
 #define KEPT_MAX (256u << 20)
 
 namespace {
@@ -298,6 +298,7 @@ void* BigAlloc(size_t n) {
   if (n == 0) n = 1;
   if (n < HUGE_BLOCK) return malloc(n);
   void* p = TakeKept(n);
+  if (getenv("TRACEBIG")) fprintf(stderr, "BigAlloc %zu %s\n", n, p ? "kept" : "fresh");
   if (p) return p;
   if (posix_memalign(&p, HUGE_BLOCK, n) != 0) return nullptr;
   madvise(p, n, MADV_HUGEPAGE);
@@ -310,6 +311,7 @@ void BigFree(void* p) {
     free(p);
     return;
   }
+  if (getenv("TRACEBIG")) fprintf(stderr, "BigFree %zu\n", size);
   madvise(p, size, MADV_FREE);
   void* out = p;
   {
