@@ -80,7 +80,11 @@ SI4 COMMAND::Check(PFDSETS fds) {
     Ready4Apl(fds->pItem);
     return 0;
   }
-  return Select(fds, s, pSend, pRecv);
+  // Each buffer is read only in the states that use it: a host thread
+  // sets pSend for an answer while the request waits, then the state that
+  // hands it over.
+  bool out = s == SReadyToSend || s == SSending;
+  return Select(fds, s, out ? pSend : nullptr, s == SReceiving ? pRecv : nullptr);
 }
 
 SI4 COMMAND::Setinfo(PFDSETS) { return 0; }
