@@ -358,12 +358,13 @@ HIERAKI::~HIERAKI() {
   // write lock taken here is the one it relies on.
   while (pSub) delete pSub->pNext;
   ReleaseWrite();
-  if (Detached)
-    ;  // off every ring already
-  else if (pParent)
-    Unlink();
-  else
-    Remove(this);
+  // A detached node is off every ring already.
+  if (!Detached) {
+    if (pParent)
+      Unlink();
+    else
+      Remove(this);
+  }
   CleanUpOne();
   delete pRW.exchange(nullptr);
   delete pObj;

@@ -91,7 +91,7 @@ static SI4 ArrayBytes(PAA p, PUI1* ppData, PUI4 pSize) {
 // vectors are taken, to be unpacked first, with the same result as this.
 bool RPCOBJS::ComposeVector(PUI4 z, UI4 size, bool scalars, PSI4 rc, PBUFFER* ppOut) {
   ZVECTOR v;
-  if (!ByteVectorZ(z, size, &v) || (!scalars && v.rank == 0)) return false;
+  if (!SimpleVectorZ(z, size, &v) || (!scalars && v.rank == 0)) return false;
   if (v.eltype == 2 || (v.eltype != 3 && !isav2asc)) {
     *rc = ComposeBuffer((PUI1)v.data, v.count, -1, ppOut);
     return true;

@@ -307,7 +307,7 @@ static UI8 RecordAxis(PCH1 pOrvane, UI4 i) {
   return axis;
 }
 
-bool ByteVectorZ(PUI4 pZ, UI4 blockSize, ZVECTOR* v) {
+bool SimpleVectorZ(PUI4 pZ, UI4 blockSize, ZVECTOR* v) {
   if (!CheckZ(pZ, blockSize)) return false;
   PCH1 rec = (PCH1)pZ + 8;
   UI4 rank = RecordRank(rec);

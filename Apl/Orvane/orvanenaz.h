@@ -60,7 +60,7 @@ struct ZVECTOR {
 };
 // Whether a block holds one simple vector (or scalar) of 1-byte integers
 // (element type 2), 1-byte characters (0 or 7) or 2-byte integers (3).
-bool ByteVectorZ(PUI4 pZ, UI4 blockSize, ZVECTOR* v);
+bool SimpleVectorZ(PUI4 pZ, UI4 blockSize, ZVECTOR* v);
 PUI4 ScalarZ(UI4 v);
 // The block PackZ would give for a vector of received bytes, as 2-byte
 // integers (VAI2) or as text (VAC1, translated for classic callers),

@@ -298,7 +298,6 @@ void* BigAlloc(size_t n) {
   if (n == 0) n = 1;
   if (n < HUGE_BLOCK) return malloc(n);
   void* p = TakeKept(n);
-  if (getenv("TRACEBIG")) fprintf(stderr, "BigAlloc %zu %s\n", n, p ? "kept" : "fresh");
   if (p) return p;
   if (posix_memalign(&p, HUGE_BLOCK, n) != 0) return nullptr;
   madvise(p, n, MADV_HUGEPAGE);
@@ -311,7 +310,6 @@ void BigFree(void* p) {
     free(p);
     return;
   }
-  if (getenv("TRACEBIG")) fprintf(stderr, "BigFree %zu\n", size);
   madvise(p, size, MADV_FREE);
   void* out = p;
   {
