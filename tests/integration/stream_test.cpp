@@ -1,6 +1,7 @@
 // Raw, text and block modes against plain socket peers: how the stream is
 // cut, what the host receives, and the block header byte for byte.
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 
 #include "streampeer.h"
 
@@ -134,6 +135,41 @@ TEST(Raw, WhatASendPutsOnTheWire) {
   ASSERT_EQ(Lib().raw().SetXLate((char*)"APL", (char*)"HOST", av2asc, asc2av), 0);
   EXPECT_EQ(Code(cmdtest::Send(r.root, conn, Value::Classic("aha"))), 0);
   EXPECT_EQ(peer.Read(3), "bhb");
+}
+
+// The library's socket in this process whose other end is ours.
+int LibraryEnd(int ours) {
+  sockaddr_in mine = {}, peer = {};
+  socklen_t n = sizeof mine;
+  getsockname(ours, (sockaddr*)&mine, &n);
+  for (int fd = 0; fd < 1024; fd++) {
+    n = sizeof peer;
+    if (fd != ours && getpeername(fd, (sockaddr*)&peer, &n) == 0 && peer.sin_port == mine.sin_port) return fd;
+  }
+  return -1;
+}
+
+bool NoDelay(int fd) {
+  int on = 0;
+  socklen_t n = sizeof on;
+  return getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, &n) == 0 && on;
+}
+
+// Pieces leave as they are sent, on accepted and on connected sockets: a
+// piece smaller than a segment must not wait for the last one's ACK.
+TEST(Raw, StreamSocketsSendWithoutDelay) {
+  Roots r("RawNoDelay");
+  Tcp peer;
+  Served(r.root, "raw", {}, &peer);
+  int accepted = LibraryEnd(peer.fd());
+  ASSERT_GE(accepted, 0);
+  EXPECT_TRUE(NoDelay(accepted));
+  Listener l;
+  ASSERT_NE(Open(r.root, "C", "http", l.port()), "");
+  Tcp ours = l.Accept();
+  int connected = LibraryEnd(ours.fd());
+  ASSERT_GE(connected, 0);
+  EXPECT_TRUE(NoDelay(connected));
 }
 
 TEST(Raw, CaseAndInheritedListsAndBlockSize) {
